@@ -1,0 +1,157 @@
+#!/usr/bin/env bash
+# Builds the library and its tests as 32-bit x86 code and runs the whole suite there.
+#
+# i386 packages cannot sit reliably next to the amd64 ones on the host, so the
+# build happens in a Debian i386 root made by debootstrap and cached outside the
+# checkout. The checkout is bind-mounted read-only at /src; the build directory
+# is /build inside the root, so later runs build incrementally.
+#
+# Result: build-i386/libtarvoafipdriver.so in the checkout.
+#
+# Environment:
+#   TARVO_I386_ROOT    the cached root (default /var/cache/tarvoafip/i386-bookworm)
+#   TARVO_I386_MIRROR  Debian mirror (default http://deb.debian.org/debian)
+#   TARVO_I386_OUT     where the built library is copied (default <checkout>/build-i386)
+#   TARVO_I386_CLEAN=1 start the build directory afresh
+#   TARVO_JOBS         parallel build jobs (default 2)
+set -euo pipefail
+
+source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+root=${TARVO_I386_ROOT:-/var/cache/tarvoafip/i386-bookworm}
+mirror=${TARVO_I386_MIRROR:-http://deb.debian.org/debian}
+out_dir=${TARVO_I386_OUT:-$source_dir/build-i386}
+jobs=${TARVO_JOBS:-2}
+suite=bookworm
+marker=$root/.tarvo-root-complete
+
+log() { printf '== %s\n' "$*" >&2; }
+die() { printf 'build-i386: %s\n' "$*" >&2; exit 1; }
+
+[ "$(id -u)" -eq 0 ] || die "must run as root (debootstrap, chroot and mount need it)"
+case $root in
+  /|"") die "refusing root directory '$root'" ;;
+  "$source_dir"|"$source_dir"/*) die "the root must live outside the checkout" ;;
+esac
+
+# A private mount namespace drops every mount even if this script is killed;
+# the trap below still unmounts in the normal case and where unshare is unavailable.
+if [ -z "${TARVO_I386_IN_NAMESPACE:-}" ] && unshare --mount --propagation private true 2>/dev/null; then
+  export TARVO_I386_IN_NAMESPACE=1
+  exec unshare --mount --propagation private bash "${BASH_SOURCE[0]}" "$@"
+fi
+
+# Packages the host build needs, taken from the install script so the two stay in
+# step; host-only tools are left out of the root.
+host_only=" debootstrap valgrind clang "
+packages=()
+for package in $(sed -n '/^packages=(/,/^)/{s/#.*//;s/packages=(//;s/)//;p}' "$source_dir/scripts/install-deps.sh"); do
+  case $host_only in *" $package "*) continue ;; esac
+  case $package in libclang-rt-*) continue ;; esac
+  packages+=("$package")
+done
+[ ${#packages[@]} -gt 0 ] || die "no package list found in scripts/install-deps.sh"
+
+mkdir -p "$(dirname "$root")"
+exec 9>"$root.lock"
+flock 9 || die "cannot lock $root.lock"
+
+mounted=()
+cleanup() {
+  local i
+  for ((i = ${#mounted[@]} - 1; i >= 0; i--)); do
+    umount "${mounted[i]}" 2>/dev/null || umount -l "${mounted[i]}" 2>/dev/null || true
+  done
+  mounted=()
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+# Anything still mounted below the root (a killed run without a namespace).
+unmount_stale() {
+  local target
+  while read -r target; do
+    umount "$target" 2>/dev/null || umount -l "$target" || die "cannot unmount $target"
+  done < <(awk -v r="$root/" 'index($2, r) == 1 { print $2 }' /proc/self/mounts | sort -r)
+}
+
+bind() { # bind SOURCE TARGET [ro]
+  mkdir -p "$2"
+  mount --bind "$1" "$2"
+  mounted+=("$2")
+  if [ "${3:-}" = ro ]; then
+    mount -o remount,bind,ro "$2"
+  fi
+}
+
+mount_system() {
+  bind /proc "$root/proc"
+  bind /dev "$root/dev"
+  bind /dev/pts "$root/dev/pts"
+  if [ -d /dev/shm ]; then bind /dev/shm "$root/dev/shm"; fi
+}
+
+in_root() {
+  chroot "$root" /usr/bin/env -i \
+    PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
+    HOME=/root LANG=C.UTF-8 DEBIAN_FRONTEND=noninteractive ${CI:+CI=$CI} ${TZ:+TZ=$TZ} "$@"
+}
+
+unmount_stale
+
+if [ ! -f "$marker" ]; then
+  if [ -e "$root" ]; then
+    log "removing incomplete root $root"
+    rm -rf --one-file-system "$root"
+  fi
+  log "bootstrapping Debian $suite i386 into $root"
+  debootstrap --arch=i386 --variant=minbase "$suite" "$root" "$mirror"
+fi
+
+# Keep daemons from starting while packages install (tinyproxy would otherwise).
+printf '#!/bin/sh\nexit 101\n' >"$root/usr/sbin/policy-rc.d"
+chmod 755 "$root/usr/sbin/policy-rc.d"
+cp /etc/resolv.conf "$root/etc/resolv.conf" 2>/dev/null || true
+grep -qs '^127\.0\.0\.1[[:space:]].*localhost' "$root/etc/hosts" ||
+  printf '127.0.0.1\tlocalhost\n::1\tlocalhost ip6-localhost ip6-loopback\n' >>"$root/etc/hosts"
+
+mount_system
+
+missing=()
+for package in "${packages[@]}"; do
+  in_root dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "ok installed" || missing+=("$package")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  log "installing into the root: ${missing[*]}"
+  in_root dpkg --configure -a
+  in_root apt-get update -qq
+  in_root apt-get install -y -qq --no-install-recommends "${missing[@]}"
+  in_root apt-get clean
+fi
+touch "$marker"
+
+bind "$source_dir" "$root/src" ro
+
+if [ "${TARVO_I386_CLEAN:-}" = 1 ]; then
+  rm -rf --one-file-system "$root/build"
+fi
+mkdir -p "$root/build"
+
+log "configuring and building for i386"
+in_root cmake -S /src -B /build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+in_root cmake --build /build -j "$jobs"
+
+library=$root/build/libtarvoafipdriver.so
+[ -f "$library" ] || die "no library built at /build/libtarvoafipdriver.so"
+description=$(file -L "$library")
+echo "$description"
+case $description in
+  *"ELF 32-bit LSB shared object, Intel 80386"*) ;;
+  *) die "the built library is not 32-bit x86" ;;
+esac
+mkdir -p "$out_dir"
+cp -L "$library" "$out_dir/libtarvoafipdriver.so.tmp"
+mv -f "$out_dir/libtarvoafipdriver.so.tmp" "$out_dir/libtarvoafipdriver.so"
+log "library copied to $out_dir/libtarvoafipdriver.so"
+
+log "running the test suite for i386"
+in_root sh -c 'cd /build && ctest --output-on-failure -j "$1" --timeout 300' sh "$jobs"
