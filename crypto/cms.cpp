@@ -158,8 +158,16 @@ std::string sign_cms(std::string content, std::string certificate_path, std::str
             crypto_failure();
 
         BiO output;
-        if (PEM_write_bio_CMS_stream(output.get(), cms.m_content_info, content_bio.get(), sign_flags) == 0)
+        if (content.empty()) {
+            // OpenSSL 3's streaming writer emits nothing for empty content: finalise the
+            // structure first, with the content embedded as streaming would have done.
+            CMS_set_detached(cms.m_content_info, 0);
+            if (CMS_final(cms.m_content_info, content_bio.get(), nullptr, sign_flags) == 0 ||
+                PEM_write_bio_CMS(output.get(), cms.m_content_info) == 0)
+                crypto_failure();
+        } else if (PEM_write_bio_CMS_stream(output.get(), cms.m_content_info, content_bio.get(), sign_flags) == 0) {
             crypto_failure();
+        }
 
         char* data = nullptr;
         const long length = output.get_data_buffer(&data);

@@ -2,6 +2,7 @@
 #define TARVO_CRYPTO_CMS_H
 
 #include <openssl/bio.h>
+#include <openssl/pem.h> // before cms.h, which declares its PEM functions only after it
 #include <openssl/cms.h>
 #include <openssl/evp.h>
 #include <openssl/pkcs12.h>

@@ -164,8 +164,13 @@ void TRA::set_node_value(pugi::xml_node parent, std::string name, std::string va
 
 std::string TRA::create_tra_xml() const
 {
+    return create_tra_xml(std::chrono::system_clock::now());
+}
+
+std::string TRA::create_tra_xml(std::chrono::system_clock::time_point now) const
+{
     using namespace std::chrono;
-    const int64_t now_ns = duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count();
+    const int64_t now_ns = duration_cast<nanoseconds>(now.time_since_epoch()).count();
     // Backdated an hour on purpose, valid for twelve hours ahead.
     const std::time_t generation = static_cast<std::time_t>((now_ns - 3600000000000LL) / 1000000000LL);
     const std::time_t expiration = static_cast<std::time_t>((now_ns + 43200000000000LL) / 1000000000LL);

@@ -3,6 +3,7 @@
 
 #include <pugixml.hpp>
 
+#include <chrono>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -24,6 +25,8 @@ public:
     void check_tra_is_expired(std::string generation_time);
 
     std::string create_tra_xml() const;
+    // The same document for a given clock reading.
+    std::string create_tra_xml(std::chrono::system_clock::time_point now) const;
     static std::string time_t_2_format_date(std::time_t when);
     static void set_node_value(pugi::xml_node parent, std::string name, std::string value);
 
