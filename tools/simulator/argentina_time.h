@@ -1,0 +1,23 @@
+#ifndef TARVO_SIMULATOR_ARGENTINA_TIME_H
+#define TARVO_SIMULATOR_ARGENTINA_TIME_H
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+// Argentina keeps UTC-3 all year; a fixed offset needs no time-zone database.
+constexpr std::chrono::seconds argentina_utc_offset{-3 * 3600};
+
+using WallClock = std::chrono::system_clock;
+
+// Reads "YYYY-MM-DDTHH:MM:SS" with optional fraction and optional "Z" or "+HH:MM"/"-HH:MM".
+// Without an offset the text is Argentina's local time, as the tax agency reads it.
+std::optional<WallClock::time_point> parse_argentina_time(const std::string& text);
+
+// "2026-11-21T10:15:30.123-03:00": milliseconds and the fixed offset.
+std::string format_argentina_time(WallClock::time_point when);
+
+// "20261121" in Argentina's calendar, the date format of the invoicing service.
+std::string format_argentina_date(WallClock::time_point when);
+
+#endif

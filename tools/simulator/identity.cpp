@@ -1,0 +1,138 @@
+#include "identity.h"
+
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/rand.h>
+#include <openssl/x509v3.h>
+
+#include <cstdio>
+#include <fstream>
+#include <stdexcept>
+
+namespace {
+
+constexpr int rsa_bits = 2048;
+
+[[noreturn]] void openssl_failure(const std::string& step)
+{
+    char reason[256] = "unknown error";
+    const unsigned long error = ERR_get_error();
+    if (error != 0)
+        ERR_error_string_n(error, reason, sizeof reason);
+    ERR_clear_error();
+    throw std::runtime_error(step + ": " + reason);
+}
+
+void add_extension(X509* certificate, int nid, const std::string& value)
+{
+    X509V3_CTX context;
+    X509V3_set_ctx_nodb(&context);
+    X509V3_set_ctx(&context, certificate, certificate, nullptr, nullptr, 0);
+    X509Extension extension(X509V3_EXT_conf_nid(nullptr, &context, nid, value.c_str()));
+    if (!extension || X509_add_ext(certificate, extension.get(), -1) != 1)
+        openssl_failure("certificate extension " + value);
+}
+
+// A random positive 63-bit serial, so two certificates of one subject never share it.
+void set_random_serial(X509* certificate)
+{
+    BigNumber serial(BN_new());
+    if (!serial || BN_rand(serial.get(), 63, BN_RAND_TOP_ANY, BN_RAND_BOTTOM_ANY) != 1)
+        openssl_failure("serial number");
+    Asn1Integer integer(BN_to_ASN1_INTEGER(serial.get(), nullptr));
+    if (!integer || X509_set_serialNumber(certificate, integer.get()) != 1)
+        openssl_failure("serial number");
+}
+
+} // namespace
+
+Identity make_self_signed_identity(const std::string& common_name, std::chrono::seconds valid_from,
+                                   std::chrono::seconds valid_until, const std::string& subject_alt_names)
+{
+    Identity identity;
+    identity.key = PrivateKey(EVP_RSA_gen(rsa_bits));
+    if (!identity.key)
+        openssl_failure("key generation");
+
+    identity.certificate = Certificate(X509_new());
+    X509* certificate = identity.certificate.get();
+    if (certificate == nullptr || X509_set_version(certificate, 2) != 1)
+        openssl_failure("certificate");
+    set_random_serial(certificate);
+    if (X509_gmtime_adj(X509_getm_notBefore(certificate), static_cast<long>(valid_from.count())) == nullptr ||
+        X509_gmtime_adj(X509_getm_notAfter(certificate), static_cast<long>(valid_until.count())) == nullptr)
+        openssl_failure("validity");
+
+    X509_NAME* name = X509_get_subject_name(certificate);
+    const auto* cn = reinterpret_cast<const unsigned char*>(common_name.c_str());
+    if (X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8, cn, -1, -1, 0) != 1 ||
+        X509_set_issuer_name(certificate, name) != 1 || X509_set_pubkey(certificate, identity.key.get()) != 1)
+        openssl_failure("subject");
+
+    add_extension(certificate, NID_basic_constraints, "critical,CA:FALSE");
+    add_extension(certificate, NID_key_usage, "critical,digitalSignature,keyEncipherment");
+    add_extension(certificate, NID_subject_key_identifier, "hash");
+    if (!subject_alt_names.empty())
+        add_extension(certificate, NID_subject_alt_name, subject_alt_names);
+
+    if (X509_sign(certificate, identity.key.get(), EVP_sha256()) == 0)
+        openssl_failure("signing the certificate");
+    return identity;
+}
+
+void write_pkcs12_file(const Identity& identity, const std::string& password, const std::string& path)
+{
+    // Zero NIDs and counts pick OpenSSL's defaults (AES-256 and PBKDF2 with OpenSSL 3).
+    Pkcs12Bundle bundle(PKCS12_create(password.c_str(), nullptr, identity.key.get(), identity.certificate.get(),
+                                      nullptr, 0, 0, 0, 0, 0));
+    if (!bundle)
+        openssl_failure("PKCS#12");
+    Bio memory(BIO_new(BIO_s_mem()));
+    if (!memory || i2d_PKCS12_bio(memory.get(), bundle.get()) != 1)
+        openssl_failure("PKCS#12 encoding");
+    char* data = nullptr;
+    const long length = BIO_get_mem_data(memory.get(), &data);
+
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file.write(data, length);
+    file.close();
+    if (!file)
+        throw std::runtime_error("cannot write " + path);
+}
+
+std::string certificate_fingerprint(X509* certificate)
+{
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (X509_digest(certificate, EVP_sha256(), digest, &length) != 1)
+        openssl_failure("certificate digest");
+    static const char hex[] = "0123456789abcdef";
+    std::string text;
+    for (unsigned int i = 0; i < length; ++i) {
+        text += hex[digest[i] >> 4];
+        text += hex[digest[i] & 0x0f];
+    }
+    return text;
+}
+
+std::string certificate_subject(X509* certificate)
+{
+    Bio memory(BIO_new(BIO_s_mem()));
+    if (!memory)
+        openssl_failure("subject text");
+    const unsigned long flags = (XN_FLAG_RFC2253 & ~XN_FLAG_SEP_MASK) | XN_FLAG_SEP_CPLUS_SPC;
+    X509_NAME_print_ex(memory.get(), X509_get_subject_name(certificate), 0, flags);
+    char* data = nullptr;
+    const long length = BIO_get_mem_data(memory.get(), &data);
+    return std::string(data, static_cast<size_t>(length));
+}
+
+std::string asn1_time_text(const ASN1_TIME* time)
+{
+    Bio memory(BIO_new(BIO_s_mem()));
+    if (!memory || ASN1_TIME_print_ex(memory.get(), time, ASN1_DTFLGS_ISO8601) != 1)
+        return "?";
+    char* data = nullptr;
+    const long length = BIO_get_mem_data(memory.get(), &data);
+    return std::string(data, static_cast<size_t>(length));
+}

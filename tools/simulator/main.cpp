@@ -1,0 +1,290 @@
+// A local stand-in for the tax agency's login and invoicing web services.
+#include <arpa/inet.h>
+#include <httplib.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+#include "identity.h"
+#include "invoicing_service.h"
+#include "login_service.h"
+#include "options.h"
+#include "ticket_registry.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr size_t largest_request_bytes = 4 * 1024 * 1024;
+
+// One line per event on standard output, flushed at once so a watching test or user sees it.
+class RequestLog {
+public:
+    void write(const std::string& line)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        std::fwrite(line.data(), 1, line.size(), stdout);
+        std::fputc('\n', stdout);
+        std::fflush(stdout);
+    }
+
+private:
+    std::mutex m_mutex;
+};
+
+// Raised once the server is stopping, so a deliberately slow answer does not hold up the exit.
+class StopFlag {
+public:
+    void raise()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_raised = true;
+        m_changed.notify_all();
+    }
+    void wait_for(std::chrono::milliseconds limit)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait_for(lock, limit, [this] { return m_raised; });
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_raised = false;
+};
+
+bool is_ip_address(const std::string& host)
+{
+    unsigned char address[sizeof(in6_addr)];
+    return inet_pton(AF_INET, host.c_str(), address) == 1 || inet_pton(AF_INET6, host.c_str(), address) == 1;
+}
+
+std::string host_in_url(const std::string& host)
+{
+    return host.find(':') != std::string::npos ? "[" + host + "]" : host;
+}
+
+// The names the generated server certificate answers to.
+std::string server_alt_names(const std::string& host)
+{
+    std::string names = "DNS:localhost,IP:127.0.0.1";
+    if (host != "localhost" && host != "127.0.0.1" && !host.empty())
+        names += (is_ip_address(host) ? ",IP:" : ",DNS:") + host;
+    return names;
+}
+
+// Written whole under another name first, so a reader never sees half a number.
+void write_port_file(const std::string& path, int port)
+{
+    const std::string partial = path + ".partial";
+    {
+        std::ofstream file(partial, std::ios::trunc);
+        file << port << '\n';
+        if (!file.flush())
+            throw std::runtime_error("cannot write " + partial);
+    }
+    if (std::rename(partial.c_str(), path.c_str()) != 0)
+        throw std::runtime_error("cannot rename " + partial + " to " + path);
+}
+
+int make_certificate_file(const Options& options)
+{
+    constexpr std::chrono::hours day{24};
+    const Identity identity =
+        options.certificate_expired
+            ? make_self_signed_identity(options.certificate_common_name, -366 * day, -1 * day, "")
+            : make_self_signed_identity(options.certificate_common_name, -1 * day, 730 * day, "");
+    write_pkcs12_file(identity, options.certificate_password, options.certificate_output);
+    std::cout << "wrote " << options.certificate_output << ": " << certificate_subject(identity.certificate.get())
+              << ", valid from " << asn1_time_text(X509_get0_notBefore(identity.certificate.get())) << " to "
+              << asn1_time_text(X509_get0_notAfter(identity.certificate.get())) << std::endl;
+    return 0;
+}
+
+// Blocks until SIGINT, SIGTERM or the time limit; empty when the server ended on its own first.
+std::string wait_for_stop_reason(const Options& options, const std::atomic<bool>& server_finished)
+{
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(options.max_seconds);
+
+    while (!server_finished) {
+        std::chrono::nanoseconds slice = 100ms;
+        if (options.max_seconds > 0) {
+            const auto remaining = deadline - std::chrono::steady_clock::now();
+            if (remaining <= 0ns)
+                return std::to_string(options.max_seconds) + " s elapsed (--max-seconds)";
+            slice = std::min<std::chrono::nanoseconds>(slice, remaining);
+        }
+        const timespec wait{0, static_cast<long>(slice.count())};
+        const int received = sigtimedwait(&stop_signals, nullptr, &wait);
+        if (received == SIGINT)
+            return "SIGINT received";
+        if (received == SIGTERM)
+            return "SIGTERM received";
+    }
+    return {};
+}
+
+Reply plain_text_answer()
+{
+    Reply reply;
+    reply.content_type = "text/plain; charset=utf-8";
+    reply.body = "Servicio no disponible: respuesta de texto plano del simulador (--non-xml-answer)\n";
+    reply.summary = "-> plain-text answer (--non-xml-answer)";
+    return reply;
+}
+
+void send_reply(const httplib::Request& request, httplib::Response& response, const Reply& reply, RequestLog& log)
+{
+    response.status = reply.status;
+    response.set_content(reply.body, reply.content_type.c_str());
+    log.write(request.method + " " + request.path + " " + std::to_string(reply.status) + " " + reply.summary);
+}
+
+// Wraps an endpoint so that every request gets an answer and a log line, even when it throws.
+httplib::Server::Handler endpoint(RequestLog& log, std::function<Reply(const httplib::Request&)> answer)
+{
+    return [&log, answer = std::move(answer)](const httplib::Request& request, httplib::Response& response) {
+        Reply reply;
+        try {
+            reply = answer(request);
+        } catch (const std::exception& error) {
+            reply.status = 500;
+            reply.content_type = "text/plain; charset=utf-8";
+            reply.body = std::string("internal simulator error: ") + error.what() + "\n";
+            reply.summary = std::string("-> internal error: ") + error.what();
+        }
+        send_reply(request, response, reply, log);
+    };
+}
+
+int run_server(const Options& options)
+{
+    RequestLog log;
+    StopFlag stopping;
+    TicketRegistry tickets(std::chrono::seconds(options.ticket_seconds));
+    LoginService login(options.services, tickets);
+    InvoicingService invoicing(tickets);
+
+    std::optional<Identity> server_identity;
+    std::unique_ptr<httplib::Server> server;
+    if (options.tls) {
+        server_identity = make_self_signed_identity(options.host.empty() ? "localhost" : options.host, -1h,
+                                                    std::chrono::hours(24 * 365), server_alt_names(options.host));
+        server = std::make_unique<httplib::SSLServer>(server_identity->certificate.get(), server_identity->key.get());
+    } else {
+        server = std::make_unique<httplib::Server>();
+    }
+    if (!server->is_valid()) {
+        std::cerr << "afip_simulator: cannot set up the server" << (options.tls ? " (TLS context)" : "") << std::endl;
+        return 1;
+    }
+    // Short keep-alive and read limits keep the stop quick when clients hold connections open.
+    server->set_keep_alive_timeout(1);
+    server->set_read_timeout(5);
+    server->set_payload_max_length(largest_request_bytes);
+
+    server->Post("/ws/services/LoginCms",
+                 endpoint(log, [&](const httplib::Request& request) { return login.login_cms(request.body); }));
+    server->Post("/wsfev1/service.asmx", endpoint(log, [&](const httplib::Request& request) {
+                     if (options.service_delay_ms > 0)
+                         stopping.wait_for(std::chrono::milliseconds(options.service_delay_ms));
+                     return options.non_xml_answer ? plain_text_answer() : invoicing.handle(request.body);
+                 }));
+    const auto not_found = endpoint(log, [](const httplib::Request&) {
+        Reply reply;
+        reply.status = 404;
+        reply.content_type = "text/plain; charset=utf-8";
+        reply.body = "not found\n";
+        reply.summary = "-> not found";
+        return reply;
+    });
+    server->Get(".*", not_found);
+    server->Post(".*", not_found);
+    server->Put(".*", not_found);
+    server->Patch(".*", not_found);
+    server->Delete(".*", not_found);
+    server->Options(".*", not_found);
+
+    const int port = options.port == 0 ? server->bind_to_any_port(options.host)
+                                       : (server->bind_to_port(options.host, options.port) ? options.port : -1);
+    if (port <= 0) {
+        std::cerr << "afip_simulator: cannot listen on " << options.host << " port " << options.port << std::endl;
+        return 1;
+    }
+    log.write(std::string("listening on ") + (options.tls ? "https://" : "http://") + host_in_url(options.host) + ":" +
+              std::to_string(port));
+    if (!options.port_file.empty())
+        write_port_file(options.port_file, port);
+
+    std::atomic<bool> server_finished{false};
+    std::string stop_reason;
+    std::thread watcher([&] {
+        stop_reason = wait_for_stop_reason(options, server_finished);
+        if (stop_reason.empty())
+            return;
+        stopping.raise();
+        // stop() has no effect before the accept loop runs, so wait for it.
+        while (!server->is_running() && !server_finished)
+            std::this_thread::sleep_for(5ms);
+        if (!server_finished)
+            server->stop();
+    });
+    const bool served = server->listen_after_bind();
+    server_finished = true;
+    watcher.join();
+
+    if (stop_reason.empty() || !served) {
+        std::cerr << "afip_simulator: the server stopped unexpectedly" << std::endl;
+        return 1;
+    }
+    log.write("stopped: " + stop_reason);
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    Options options;
+    try {
+        options = parse_options(argc, argv);
+    } catch (const std::invalid_argument& error) {
+        std::cerr << "afip_simulator: " << error.what() << "\nTry 'afip_simulator --help'." << std::endl;
+        return 2;
+    }
+    if (options.help) {
+        std::cout << usage_text();
+        return 0;
+    }
+
+    // A client that hangs up mid-answer must not end the process.
+    signal(SIGPIPE, SIG_IGN);
+    // Blocked before any thread exists, so every thread inherits it and only the watcher takes them.
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+
+    try {
+        if (!options.certificate_output.empty())
+            return make_certificate_file(options);
+        return run_server(options);
+    } catch (const std::exception& error) {
+        std::cerr << "afip_simulator: " << error.what() << std::endl;
+        return 1;
+    }
+}

@@ -1,0 +1,32 @@
+#ifndef TARVO_SIMULATOR_OPTIONS_H
+#define TARVO_SIMULATOR_OPTIONS_H
+
+#include <string>
+#include <vector>
+
+struct Options {
+    std::string host = "127.0.0.1";
+    int port = 0;
+    bool tls = false;
+    std::string port_file;
+    std::vector<std::string> services{"wsfe"};
+    long ticket_seconds = 43200;
+    long service_delay_ms = 0;
+    bool non_xml_answer = false;
+    long max_seconds = 0;
+
+    std::string certificate_output;
+    std::string certificate_password;
+    bool password_given = false;
+    std::string certificate_common_name = "simulator-client";
+    bool certificate_expired = false;
+
+    bool help = false;
+};
+
+// Throws std::invalid_argument with a message for the user on a bad command line.
+Options parse_options(int argc, char** argv);
+
+const char* usage_text();
+
+#endif
