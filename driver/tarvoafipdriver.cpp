@@ -8,7 +8,7 @@
 
 #include "driver/afip_driver_exception.h"
 #include "driver/main.h"
-#include "driver/walker.h"
+#include "driver/request_xml.h"
 #include "http/easy_http.h"
 #include "util/tools.h"
 #include "wsaa/tra.h"
@@ -58,20 +58,20 @@ void fill_text(pugi::xml_node& node, const std::string& value)
     child.set_value(value.c_str());
 }
 
-std::string serialise(const pugi::xml_document& document)
+} // namespace
+
+std::string serialise_request(const pugi::xml_document& document)
 {
     std::ostringstream out;
     document.save(out, "\t", pugi::format_raw | pugi::format_no_declaration, pugi::encoding_auto);
     return out.str();
 }
 
-bool is_well_formed(const std::string& text)
+bool is_well_formed_answer(const std::string& answer)
 {
     pugi::xml_document document;
-    return document.load_string(text.c_str(), pugi::parse_default);
+    return document.load_string(answer.c_str(), pugi::parse_default);
 }
-
-} // namespace
 
 bool walker::for_each(pugi::xml_node& node)
 {
@@ -176,13 +176,13 @@ int32_t SendSOAP(const char* request)
         walker fill;
         document.traverse(fill);
 
-        const uint16_t status = static_cast<uint16_t>(http->send_post_request(m_ws_url, serialise(document)));
+        const uint16_t status = static_cast<uint16_t>(http->send_post_request(m_ws_url, serialise_request(document)));
         if (status == 408)
             return AFIP_TIMEOUT;
 
         curl_log = http->get_log();
         curl_response = http->take_response();
-        return is_well_formed(curl_response) ? AFIP_OK : AFIP_RESPONSE_NOT_XML;
+        return is_well_formed_answer(curl_response) ? AFIP_OK : AFIP_RESPONSE_NOT_XML;
     } catch (const afip_driver_exception& error) {
         return error.get_error();
     }

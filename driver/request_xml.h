@@ -1,7 +1,9 @@
-#ifndef TARVO_DRIVER_WALKER_H
-#define TARVO_DRIVER_WALKER_H
+#ifndef TARVO_DRIVER_REQUEST_XML_H
+#define TARVO_DRIVER_REQUEST_XML_H
 
 #include <pugixml.hpp>
+
+#include <string>
 
 // Fills every "ar:Token"/"token" element with the current token and every "ar:Sign"/"sign"
 // element with the current sign. Names match exactly: prefix as text, case-sensitive.
@@ -10,5 +12,11 @@ public:
     ~walker() override = default;
     bool for_each(pugi::xml_node& node) override;
 };
+
+// The request as sent: one line, no XML declaration.
+std::string serialise_request(const pugi::xml_document& document);
+
+// Whether the service's answer parses as XML with the default options.
+bool is_well_formed_answer(const std::string& answer);
 
 #endif

@@ -1,0 +1,19 @@
+#ifndef TARVO_FUZZ_FUZZ_SUPPORT_H
+#define TARVO_FUZZ_FUZZ_SUPPORT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+// Moves the process into a private scratch directory: credentials.json is written there.
+void enter_scratch_directory();
+
+// Fixes the process's time zone so ticket ages do not depend on the machine.
+void use_argentina_time();
+
+std::string as_string(const uint8_t* data, size_t size);
+
+// A WSAA answer that carries a complete ticket.
+std::string ticket_answer(const std::string& token, const std::string& sign, const std::string& generated);
+
+#endif

@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets with clang (ASan + UBSan) and runs each for a bounded time.
+#   scripts/fuzz.sh [seconds-per-target]   (default 60)
+# The seed corpora in fuzz/corpus are copied, never written to; crashes land in build-fuzz/crashes.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds=${1:-60}
+
+scripts/install-deps.sh
+CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARVO_FUZZ=ON >/dev/null
+cmake --build build-fuzz -j2
+
+mkdir -p build-fuzz/crashes
+status=0
+for target in login_answer credentials_cache request business_answer base64; do
+  corpus=$(mktemp -d /tmp/tarvo-corpus.XXXXXX)
+  cp fuzz/corpus/"$target"/* "$corpus"/
+  echo "== fuzz_$target for ${seconds}s"
+  if ! ASAN_OPTIONS="detect_leaks=1:${ASAN_OPTIONS:-}" UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1" \
+      build-fuzz/fuzz/fuzz_"$target" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
+      -max_len=65536 -print_final_stats=1 -artifact_prefix=build-fuzz/crashes/"$target"- \
+      "$corpus" >build-fuzz/fuzz_"$target".log 2>&1; then
+    echo "fuzz_$target FAILED:"; tail -n 60 build-fuzz/fuzz_"$target".log
+    status=1
+  else
+    grep -E "^stat::number_of_executed_units|^Done" build-fuzz/fuzz_"$target".log || true
+  fi
+  rm -rf "$corpus"
+done
+exit $status
