@@ -157,8 +157,9 @@ int32_t SendSOAP(const char* request)
     if (m_time_out != 0)
         http->set_time_out(m_time_out);
 
-    curl_log.clear();
-    curl_response.clear();
+    // Released, not just cleared: a large earlier answer must not linger through this call.
+    std::string().swap(curl_log);
+    std::string().swap(curl_response);
 
     TRA tra(m_wsaa_url, m_wsaa_service, m_wsaa_certifcate_path, m_wsaa_certificate_pass, http);
 
@@ -180,7 +181,8 @@ int32_t SendSOAP(const char* request)
         if (status == 408)
             return AFIP_TIMEOUT;
 
-        curl_log = http->get_log();
+        // Taken, not copied: the host needs each once, through the buffer protocol.
+        curl_log = http->take_log();
         curl_response = http->take_response();
         return is_well_formed_answer(curl_response) ? AFIP_OK : AFIP_RESPONSE_NOT_XML;
     } catch (const afip_driver_exception& error) {

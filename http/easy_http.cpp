@@ -1,6 +1,6 @@
 #include "http/easy_http.h"
 
-#include <sstream>
+#include <cstdint>
 
 namespace {
 
@@ -13,10 +13,29 @@ const long ssl_versions[] = {
     CURL_SSLVERSION_TLSv1_3,
 };
 
+// Collects one answer body. Sized once from Content-Length when the server sends it, so a large
+// answer is not copied again and again while it grows.
+struct ResponseCollector {
+    CURL* handle;
+    std::string body;
+};
+
+// Room reserved for a buffer about to receive a body of the announced length; 0 when unknown.
+size_t announced_length(CURL* handle)
+{
+    curl_off_t length = -1;
+    if (curl_easy_getinfo(handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) != CURLE_OK || length <= 0)
+        return 0;
+    return static_cast<uint64_t>(length) < static_cast<uint64_t>(SIZE_MAX / 2) ? static_cast<size_t>(length) : 0;
+}
+
 size_t write_data(void* ptr, size_t size, size_t nmemb, void* userdata)
 {
     const size_t count = size * nmemb;
-    static_cast<std::stringstream*>(userdata)->write(static_cast<const char*>(ptr), static_cast<std::streamsize>(count));
+    auto* collector = static_cast<ResponseCollector*>(userdata);
+    if (collector->body.empty())
+        collector->body.reserve(announced_length(collector->handle));
+    collector->body.append(static_cast<const char*>(ptr), count);
     return count;
 }
 
@@ -134,8 +153,8 @@ int32_t EasyHTTP::send_post_request(std::string url, std::string body)
     const std::string target = m_base_url + url;
     curl_easy_setopt(m_curl, CURLOPT_URL, target.c_str());
 
-    m_response.clear();
-    std::stringstream stream(std::ios::in | std::ios::out);
+    std::string().swap(m_response);
+    ResponseCollector stream{m_curl, std::string()};
     curl_easy_setopt(m_curl, CURLOPT_WRITEDATA, &stream);
 
     int32_t status;
@@ -145,7 +164,7 @@ int32_t EasyHTTP::send_post_request(std::string url, std::string body)
         long code = 0;
         curl_easy_getinfo(m_curl, CURLINFO_RESPONSE_CODE, &code);
         status = static_cast<int32_t>(code);
-        m_response = std::move(stream).str();
+        m_response = std::move(stream.body);
         break;
     }
     case CURLE_OPERATION_TIMEDOUT:
@@ -173,29 +192,48 @@ std::string EasyHTTP::take_response()
     return std::move(m_response);
 }
 
-std::string EasyHTTP::get_log() const
+std::string EasyHTTP::log_head() const
 {
-    size_t size = 88 + m_log_request_body.size() + m_log_response_body.size();
+    size_t size = 80 + m_log_request_body.size();
     for (const auto* list : {&m_log_text, &m_log_request_headers, &m_log_response_headers})
         for (const std::string& entry : *list)
             size += entry.size();
 
-    std::string log;
-    log.reserve(size);
-    log += "=== Info:\n";
+    std::string head;
+    head.reserve(size);
+    head += "=== Info:\n";
     for (const std::string& entry : m_log_text)
-        log += entry;
-    log += "==> Request headers\n";
+        head += entry;
+    head += "==> Request headers\n";
     for (const std::string& entry : m_log_request_headers)
-        log += entry;
-    log += "==> Request body\n";
-    log += m_log_request_body;
-    log += "\n";
-    log += "==> Response headers\n";
+        head += entry;
+    head += "==> Request body\n";
+    head += m_log_request_body;
+    head += "\n";
+    head += "==> Response headers\n";
     for (const std::string& entry : m_log_response_headers)
-        log += entry;
-    log += "==> Response body\n";
+        head += entry;
+    head += "==> Response body\n";
+    return head;
+}
+
+std::string EasyHTTP::get_log() const
+{
+    std::string log = log_head();
+    log.reserve(log.size() + m_log_response_body.size() + 1);
     log += m_log_response_body;
+    log += "\n";
+    return log;
+}
+
+std::string EasyHTTP::take_log()
+{
+    const std::string head = log_head();
+    std::string log = std::move(m_log_response_body);
+    m_log_response_body.clear();
+    // The body buffer was sized with room for the head: no second copy of a large answer.
+    log.reserve(head.size() + log.size() + 1);
+    log.insert(0, head);
     log += "\n";
     return log;
 }
@@ -204,6 +242,15 @@ int EasyHTTP::trace_static_func(CURL* /*handle*/, curl_infotype type, char* data
 {
     static_cast<EasyHTTP*>(userp)->trace_no_static_func(type, data, size);
     return 0;
+}
+
+size_t EasyHTTP::log_head_room() const
+{
+    size_t room = 4096 + m_log_request_body.size();
+    for (const auto* list : {&m_log_text, &m_log_request_headers, &m_log_response_headers})
+        for (const std::string& entry : *list)
+            room += entry.size();
+    return room;
 }
 
 void EasyHTTP::trace_no_static_func(curl_infotype type, const char* data, size_t size)
@@ -219,6 +266,11 @@ void EasyHTTP::trace_no_static_func(curl_infotype type, const char* data, size_t
         m_log_request_headers.emplace_back(data, size);
         break;
     case CURLINFO_DATA_IN:
+        if (m_log_response_body.empty()) {
+            const size_t announced = announced_length(m_curl);
+            if (announced != 0)
+                m_log_response_body.reserve(announced + log_head_room());
+        }
         m_log_response_body.append(data, size);
         break;
     case CURLINFO_DATA_OUT:

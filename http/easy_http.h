@@ -48,11 +48,15 @@ public:
     // Moves the answer out; for callers that need it only once.
     std::string take_response();
     std::string get_log() const;
+    // The same text, built in the response body's buffer: for callers that need it only once.
+    std::string take_log();
 
     static int trace_static_func(CURL* handle, curl_infotype type, char* data, size_t size, void* userp);
 
 private:
     void trace_no_static_func(curl_infotype type, const char* data, size_t size);
+    std::string log_head() const;
+    size_t log_head_room() const;
 
     std::string m_base_url;
     std::vector<std::string> m_request_headers;
