@@ -1,0 +1,41 @@
+#ifndef TARVO_TOOLS_CLI_COMMAND_LINE_H
+#define TARVO_TOOLS_CLI_COMMAND_LINE_H
+
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+// Everything the command line asked for; an absent option leaves its setter uncalled.
+struct CliOptions {
+    std::string library_path; // empty: the library built next to this program
+    std::optional<std::string> wsaa_url;
+    std::optional<std::string> certificate_path;
+    std::optional<std::string> certificate_password;
+    std::optional<std::string> service;
+    std::optional<std::string> service_url;
+    std::optional<std::string> proxy_url;
+    std::optional<std::string> proxy_user;
+    std::optional<std::string> proxy_password;
+    std::optional<int32_t> tls_level;
+    std::optional<uint32_t> timeout_ms;
+    std::vector<std::string> headers; // in command-line order, duplicates kept
+    std::string request_file = "-";   // "-": standard input
+    bool print_log = false;
+    std::string log_file;
+    bool show_version = false;
+    bool show_help = false;
+};
+
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Accepts "--name value" and "--name=value"; throws UsageError on anything it does not know.
+CliOptions parse_command_line(int argc, const char* const* argv);
+
+const char* usage_text();
+
+#endif
