@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-enum tls_security_level_t {
+enum tls_security_level_t : int32_t {
     tls_default = 0,
     tls_1_0 = 1,
     tls_1_1 = 2,
