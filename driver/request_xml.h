@@ -19,4 +19,9 @@ std::string serialise_request(const pugi::xml_document& document);
 // Whether the service's answer parses as XML with the default options.
 bool is_well_formed_answer(const std::string& answer);
 
+// The same verdict, parsed in place inside the log when the log ends with the answer and a line
+// feed: the parse needs a writable copy and the log already is one. The log is restored byte for
+// byte before returning; otherwise the answer is copied as above.
+bool is_well_formed_answer_in_log(const std::string& answer, std::string& log);
+
 #endif

@@ -49,6 +49,23 @@ int32_t copy_out(const std::string& stored, char* buffer, uint32_t buffer_length
     return AFIP_OK;
 }
 
+// Writes the original bytes back over a region that an in-place parse scribbled on.
+class RegionRestorer {
+public:
+    RegionRestorer(char* region, const char* original, size_t length)
+        : m_region(region), m_original(original), m_length(length)
+    {
+    }
+    ~RegionRestorer() { std::memcpy(m_region, m_original, m_length); }
+    RegionRestorer(const RegionRestorer&) = delete;
+    RegionRestorer& operator=(const RegionRestorer&) = delete;
+
+private:
+    char* m_region;
+    const char* m_original;
+    size_t m_length;
+};
+
 void fill_text(pugi::xml_node& node, const std::string& value)
 {
     pugi::xml_node child = node.first_child();
@@ -71,6 +88,23 @@ bool is_well_formed_answer(const std::string& answer)
 {
     pugi::xml_document document;
     return document.load_string(answer.c_str(), pugi::parse_default);
+}
+
+bool is_well_formed_answer_in_log(const std::string& answer, std::string& log)
+{
+    if (log.size() < answer.size() + 1)
+        return is_well_formed_answer(answer);
+    const size_t offset = log.size() - 1 - answer.size();
+    if (log.compare(offset, answer.size(), answer) != 0)
+        return is_well_formed_answer(answer);
+    // load_string stops at the first NUL: so does this.
+    const size_t length = std::strlen(answer.c_str());
+    if (length == 0)
+        return is_well_formed_answer(answer);
+    char* region = &log[offset];
+    const RegionRestorer restore(region, answer.data(), length);
+    pugi::xml_document document;
+    return document.load_buffer_inplace(region, length, pugi::parse_default, pugi::encoding_utf8);
 }
 
 bool walker::for_each(pugi::xml_node& node)
@@ -184,7 +218,7 @@ int32_t SendSOAP(const char* request)
         // Taken, not copied: the host needs each once, through the buffer protocol.
         curl_log = http->take_log();
         curl_response = http->take_response();
-        return is_well_formed_answer(curl_response) ? AFIP_OK : AFIP_RESPONSE_NOT_XML;
+        return is_well_formed_answer_in_log(curl_response, curl_log) ? AFIP_OK : AFIP_RESPONSE_NOT_XML;
     } catch (const afip_driver_exception& error) {
         return error.get_error();
     }
