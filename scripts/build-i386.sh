@@ -131,10 +131,12 @@ touch "$marker"
 
 bind "$source_dir" "$root/src" ro
 
-if [ "${TARVO_I386_CLEAN:-}" = 1 ]; then
+# make trusts timestamps: objects built from another checkout could look newer than these sources.
+if [ "${TARVO_I386_CLEAN:-}" = 1 ] || [ "$(cat "$root/build/.tarvo-source" 2>/dev/null)" != "$source_dir" ]; then
   rm -rf --one-file-system "$root/build"
 fi
 mkdir -p "$root/build"
+printf '%s\n' "$source_dir" >"$root/build/.tarvo-source"
 
 log "configuring and building for i386"
 in_root cmake -S /src -B /build -DCMAKE_BUILD_TYPE=RelWithDebInfo
