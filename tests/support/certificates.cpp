@@ -1,4 +1,5 @@
 #include "support/certificates.h"
+#include "support/openssl_owned.h"
 
 #include <openssl/bn.h>
 #include <openssl/err.h>
@@ -22,41 +23,20 @@
 
 namespace {
 
-template <typename T, void (*Free)(T*)>
-struct Freer {
-    void operator()(T* object) const { Free(object); }
-};
-
-// Each OpenSSL object has exactly one owner that frees it.
-template <typename T, void (*Free)(T*)>
-using Owned = std::unique_ptr<T, Freer<T, Free>>;
-
-void free_bio(BIO* bio) { BIO_free_all(bio); }
 void free_certificate_stack(STACK_OF(X509)* stack) { sk_X509_pop_free(stack, X509_free); }
 void unload_provider(OSSL_PROVIDER* provider) { OSSL_PROVIDER_unload(provider); }
 
-using Bio = Owned<BIO, free_bio>;
-using BigNumber = Owned<BIGNUM, BN_free>;
-using Certificate = Owned<X509, X509_free>;
 using CertificateStack = Owned<STACK_OF(X509), free_certificate_stack>;
 using Extension = Owned<X509_EXTENSION, X509_EXTENSION_free>;
 using LibraryContext = Owned<OSSL_LIB_CTX, OSSL_LIB_CTX_free>;
 using Pkcs12 = Owned<PKCS12, PKCS12_free>;
-using PrivateKey = Owned<EVP_PKEY, EVP_PKEY_free>;
 using Provider = Owned<OSSL_PROVIDER, unload_provider>;
 
 constexpr long seconds_per_day = 24L * 60 * 60;
 
 [[noreturn]] void fail(const std::string& what)
 {
-    std::string message = "test certificates: " + what;
-    char reason[256];
-    while (const unsigned long code = ERR_get_error()) {
-        ERR_error_string_n(code, reason, sizeof reason);
-        message += "; ";
-        message += reason;
-    }
-    throw std::runtime_error(message);
+    fail_with_openssl_errors("test certificates: " + what);
 }
 
 template <typename Pointer>

@@ -1,4 +1,5 @@
 #include "support/test_server.h"
+#include "support/openssl_owned.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -40,23 +41,10 @@ constexpr std::chrono::seconds closing_time_limit{2};
 constexpr int poll_slice_ms = 50;
 constexpr size_t max_head_bytes = 64 * 1024;
 
-template <typename T, void (*Free)(T*)>
-struct Freer {
-    void operator()(T* object) const { Free(object); }
-};
 
-template <typename T, void (*Free)(T*)>
-using Owned = std::unique_ptr<T, Freer<T, Free>>;
-
-void free_bio(BIO* bio) { BIO_free_all(bio); }
-
-using Bio = Owned<BIO, free_bio>;
-using BigNumber = Owned<BIGNUM, BN_free>;
-using Certificate = Owned<X509, X509_free>;
 using ParamBuilder = Owned<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>;
 using Params = Owned<OSSL_PARAM, OSSL_PARAM_free>;
 using PKeyContext = Owned<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
-using PrivateKey = Owned<EVP_PKEY, EVP_PKEY_free>;
 using Ssl = Owned<SSL, SSL_free>;
 using SslContext = Owned<SSL_CTX, SSL_CTX_free>;
 
@@ -90,14 +78,7 @@ private:
 
 [[noreturn]] void fail(const std::string& what)
 {
-    std::string message = "test server: " + what;
-    char reason[256];
-    while (const unsigned long code = ERR_get_error()) {
-        ERR_error_string_n(code, reason, sizeof reason);
-        message += "; ";
-        message += reason;
-    }
-    throw std::runtime_error(message);
+    fail_with_openssl_errors("test server: " + what);
 }
 
 template <typename Pointer>
