@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake pkg-config file
+  build-essential cmake pkg-config file curl
   libcurl4-openssl-dev libssl-dev openssl libpugixml-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libcpp-httplib-dev tinyproxy python3
