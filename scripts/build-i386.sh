@@ -4,7 +4,7 @@
 # i386 packages cannot sit reliably next to the amd64 ones on the host, so the
 # build happens in a Debian i386 root made by debootstrap and cached outside the
 # checkout. The checkout is bind-mounted read-only at /src; the build directory
-# is /build inside the root, so later runs build incrementally.
+# is /build inside the root, so later runs from the same checkout build incrementally.
 #
 # Result: build-i386/libtarvoafipdriver.so in the checkout.
 #
@@ -50,6 +50,8 @@ for package in $(sed -n '/^packages=(/,/^)/{s/#.*//;s/packages=(//;s/)//;p}' "$s
   packages+=("$package")
 done
 [ ${#packages[@]} -gt 0 ] || die "no package list found in scripts/install-deps.sh"
+
+command -v debootstrap >/dev/null || "$source_dir/scripts/install-deps.sh"
 
 mkdir -p "$(dirname "$root")"
 exec 9>"$root.lock"
@@ -144,7 +146,7 @@ in_root cmake --build /build -j "$jobs"
 
 library=$root/build/libtarvoafipdriver.so
 [ -f "$library" ] || die "no library built at /build/libtarvoafipdriver.so"
-description=$(file -L "$library")
+description=$(in_root file -L /build/libtarvoafipdriver.so)
 echo "$description"
 case $description in
   *"ELF 32-bit LSB shared object, Intel 80386"*) ;;
