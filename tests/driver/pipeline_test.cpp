@@ -8,6 +8,7 @@
 
 #include "support/certificates.h"
 #include "support/library_loader.h"
+#include "support/proxy_process.h"
 #include "support/scoped_chdir.h"
 #include "support/test_server.h"
 #include "support/wsaa_answers.h"
@@ -306,6 +307,66 @@ TEST_F(Pipeline, WsaaTransportFailuresMapTo16And17)
     EXPECT_EQ(driver.SendSOAP("<a/>"), 16);
     EXPECT_TRUE(requests_to("/ws").empty());
     EXPECT_FALSE(std::ifstream("credentials.json").good());
+}
+
+TEST_F(Pipeline, SlowWsaaIsA17AndNotATimeOut)
+{
+    start();
+    m_wsaa_reply.delay = std::chrono::milliseconds(3000);
+    driver.SetTimeOut(300);
+    EXPECT_EQ(driver.SendSOAP("<a/>"), 17);
+    EXPECT_TRUE(requests_to("/ws").empty());
+}
+
+TEST_F(Pipeline, CorruptCacheLeadsToANewLogin)
+{
+    start();
+    write_file("credentials.json", "{\"wsfe\": {\"token\": ");
+    ASSERT_EQ(driver.SendSOAP("<ar:Token/>"), 0);
+    EXPECT_EQ(requests_to("/wsaa").size(), 1u);
+    EXPECT_EQ(last_service_body(), "<ar:Token>TOKEN-1</ar:Token>");
+    EXPECT_NE(read_file("credentials.json").find("TOKEN-1"), std::string::npos);
+}
+
+TEST_F(Pipeline, CacheThatIsNotAnObjectRaisesTheJsonErrorAndStays)
+{
+    start();
+    write_file("credentials.json", "[\"not\", \"an object\"]");
+    EXPECT_THROW(driver.SendSOAP("<a/>"), std::exception);
+    EXPECT_EQ(read_file("credentials.json"), "[\"not\", \"an object\"]");
+    EXPECT_TRUE(requests_to("/ws").empty());
+}
+
+TEST_F(Pipeline, BusinessTlsFailureIsA14WithTheLog)
+{
+    start();
+    cache_young_ticket("T", "S");
+    driver.SetWSUrl(("https://127.0.0.1:" + std::to_string(m_server->port()) + "/ws").c_str());
+    EXPECT_EQ(driver.SendSOAP("<a/>"), 14);
+    EXPECT_EQ(stored_size(driver.ReceivedSOAP), 0u);
+    EXPECT_NE(driver.verbose_transfer().find("=== Info:\n"), std::string::npos);
+}
+
+TEST_F(Pipeline, RefusingProxiesStopTheLogin)
+{
+    start();
+    driver.SetWebProxy(("http://127.0.0.1:" + std::to_string(unused_loopback_port())).c_str(), "", "");
+    EXPECT_EQ(driver.SendSOAP("<a/>"), 17);
+
+    ProxyProcess proxy("agent", "right");
+    driver.SetWebProxy(proxy.url().c_str(), "agent", "wrong");
+    EXPECT_EQ(driver.SendSOAP("<a/>"), 17);
+    EXPECT_TRUE(m_server->requests().empty());
+
+    driver.SetWebProxy(proxy.url().c_str(), "agent", "right");
+    EXPECT_EQ(driver.SendSOAP("<ar:Token/>"), 0);
+    EXPECT_EQ(last_service_body(), "<ar:Token>TOKEN-1</ar:Token>");
+    EXPECT_NE(driver.verbose_transfer().find("Proxy-Authorization: Basic"), std::string::npos);
+
+    // An empty address switches the proxy off again, whatever user and password say.
+    driver.SetWebProxy("", "agent", "wrong");
+    EXPECT_EQ(driver.SendSOAP("<ar:Token/>"), 0);
+    EXPECT_EQ(driver.verbose_transfer().find("Proxy-Authorization"), std::string::npos);
 }
 
 TEST_F(Pipeline, CertificateProblemsMapTo1And5)
