@@ -4,6 +4,7 @@
 #include <openssl/x509.h>
 #include <sys/stat.h>
 
+#include <cstdlib>
 #include <memory>
 
 #include "crypto/cms.h"
@@ -155,6 +156,11 @@ TEST_F(CmsSigning, BundleWithExtraCaAndLegacyPackingOpen)
 
     const std::string legacy = write_bundle("legacy.p12", make_pkcs12(*s_signer, "secret", {}, true));
     EXPECT_EQ(verify(sign_cms(login_request, legacy, "secret")).content, login_request);
+
+    // The bundle really needs the legacy algorithms: OpenSSL's own tool refuses it without them.
+    const std::string open_with = "openssl pkcs12 -in " + legacy + " -passin pass:secret -nokeys -out /dev/null";
+    EXPECT_NE(std::system((open_with + " 2>/dev/null").c_str()), 0);
+    EXPECT_EQ(std::system((open_with + " -legacy").c_str()), 0);
 }
 
 TEST_F(CmsSigning, EmptyPasswordBundleOpensWithEmptyPassword)
