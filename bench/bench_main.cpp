@@ -346,6 +346,9 @@ void print_table(const CollectingReporter& reporter)
 {
     auto time_row = [&](const std::string& what, const char* library, const char* comparison,
                         const std::string& comparison_name, const std::string& notes) {
+        auto ran = [&](const char* name) { return reporter.errors.count(name) + reporter.milliseconds.count(name) != 0; };
+        if (!ran(library) && !ran(comparison))
+            return; // left out by --benchmark_filter
         for (const char* name : {library, comparison})
             if (reporter.errors.count(name) != 0 || reporter.milliseconds.count(name) == 0) {
                 std::printf("| %s | failed: %s | | | |\n", what.c_str(),
