@@ -80,7 +80,7 @@ void enter(const std::string& directory)
         throw std::runtime_error("cannot enter " + directory);
 }
 
-// Everything the benchmarks share; servers first, before anything could start a thread.
+// Everything the benchmarks share. The canned server forks before anything could start a thread.
 struct Environment {
     Environment()
         : canned(small_answer, large_answer_bytes, server_lifetime_seconds),
