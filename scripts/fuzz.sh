@@ -18,7 +18,7 @@ for target in login_answer credentials_cache request business_answer base64; do
   echo "== fuzz_$target for ${seconds}s"
   if ! ASAN_OPTIONS="detect_leaks=1:${ASAN_OPTIONS:-}" UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1" \
       build-fuzz/fuzz/fuzz_"$target" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
-      -max_len=65536 -print_final_stats=1 -artifact_prefix=build-fuzz/crashes/"$target"- \
+      -max_len=65536 -print_final_stats=1 -artifact_prefix="$(pwd)/build-fuzz/crashes/$target-" \
       "$corpus" >build-fuzz/fuzz_"$target".log 2>&1; then
     echo "fuzz_$target FAILED:"; tail -n 60 build-fuzz/fuzz_"$target".log
     status=1
