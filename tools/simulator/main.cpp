@@ -194,6 +194,8 @@ int run_server(const Options& options)
     // Short keep-alive and read limits keep the stop quick when clients hold connections open.
     server->set_keep_alive_timeout(1);
     server->set_read_timeout(5);
+    // Answers go out as head and body writes: without this the body waits for a delayed ACK.
+    server->set_tcp_nodelay(true);
     server->set_payload_max_length(largest_request_bytes);
 
     server->Post("/ws/services/LoginCms",
