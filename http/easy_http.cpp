@@ -192,15 +192,20 @@ std::string EasyHTTP::take_response()
     return std::move(m_response);
 }
 
-std::string EasyHTTP::log_head() const
+size_t EasyHTTP::log_head_size() const
 {
-    size_t size = 80 + m_log_request_body.size();
+    // The five headings and the line feed after the request body.
+    size_t size = 87 + m_log_request_body.size();
     for (const auto* list : {&m_log_text, &m_log_request_headers, &m_log_response_headers})
         for (const std::string& entry : *list)
             size += entry.size();
+    return size;
+}
 
+std::string EasyHTTP::log_head() const
+{
     std::string head;
-    head.reserve(size);
+    head.reserve(log_head_size());
     head += "=== Info:\n";
     for (const std::string& entry : m_log_text)
         head += entry;
@@ -244,15 +249,6 @@ int EasyHTTP::trace_static_func(CURL* /*handle*/, curl_infotype type, char* data
     return 0;
 }
 
-size_t EasyHTTP::log_head_room() const
-{
-    size_t room = 4096 + m_log_request_body.size();
-    for (const auto* list : {&m_log_text, &m_log_request_headers, &m_log_response_headers})
-        for (const std::string& entry : *list)
-            room += entry.size();
-    return room;
-}
-
 void EasyHTTP::trace_no_static_func(curl_infotype type, const char* data, size_t size)
 {
     switch (type) {
@@ -268,8 +264,9 @@ void EasyHTTP::trace_no_static_func(curl_infotype type, const char* data, size_t
     case CURLINFO_DATA_IN:
         if (m_log_response_body.empty()) {
             const size_t announced = announced_length(m_curl);
+            // Slack for the head, including info text still to come after the body.
             if (announced != 0)
-                m_log_response_body.reserve(announced + log_head_room());
+                m_log_response_body.reserve(announced + log_head_size() + 4096);
         }
         m_log_response_body.append(data, size);
         break;

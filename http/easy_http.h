@@ -56,7 +56,7 @@ public:
 private:
     void trace_no_static_func(curl_infotype type, const char* data, size_t size);
     std::string log_head() const;
-    size_t log_head_room() const;
+    size_t log_head_size() const;
 
     std::string m_base_url;
     std::vector<std::string> m_request_headers;

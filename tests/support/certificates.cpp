@@ -34,24 +34,6 @@ using Provider = Owned<OSSL_PROVIDER, unload_provider>;
 
 constexpr long seconds_per_day = 24L * 60 * 60;
 
-[[noreturn]] void fail(const std::string& what)
-{
-    fail_with_openssl_errors("test certificates: " + what);
-}
-
-template <typename Pointer>
-Pointer check(Pointer pointer, const char* what)
-{
-    if (!pointer)
-        fail(what);
-    return pointer;
-}
-
-void check(int result, const char* what)
-{
-    if (result <= 0)
-        fail(what);
-}
 
 Bio memory_bio()
 {
@@ -114,12 +96,12 @@ void append_certificates(const std::string& pem, STACK_OF(X509)* stack)
     while (X509* certificate = PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr)) {
         if (sk_X509_push(stack, certificate) <= 0) {
             X509_free(certificate);
-            fail("sk_X509_push");
+            fail_with_openssl_errors("sk_X509_push");
         }
         ++added;
     }
     if (added == 0)
-        fail("no certificate in extra CA PEM");
+        fail_with_openssl_errors("no certificate in extra CA PEM");
     ERR_clear_error(); // the end of the text reads as "no start line"
 }
 

@@ -43,4 +43,20 @@ using PrivateKey = Owned<EVP_PKEY, EVP_PKEY_free>;
     throw std::runtime_error(message);
 }
 
+// Returns a non-null OpenSSL result, or fails with `what`.
+template <typename Pointer>
+Pointer check(Pointer pointer, const char* what)
+{
+    if (!pointer)
+        fail_with_openssl_errors(what);
+    return pointer;
+}
+
+// Fails with `what` unless an OpenSSL call reported success (a positive result).
+inline void check(int result, const char* what)
+{
+    if (result <= 0)
+        fail_with_openssl_errors(what);
+}
+
 #endif

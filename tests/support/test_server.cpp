@@ -76,24 +76,6 @@ private:
     int m_fd;
 };
 
-[[noreturn]] void fail(const std::string& what)
-{
-    fail_with_openssl_errors("test server: " + what);
-}
-
-template <typename Pointer>
-Pointer check(Pointer pointer, const char* what)
-{
-    if (!pointer)
-        fail(what);
-    return pointer;
-}
-
-void check(int result, const char* what)
-{
-    if (result <= 0)
-        fail(what);
-}
 
 bool equals_ignoring_case(const std::string& a, const std::string& b)
 {
