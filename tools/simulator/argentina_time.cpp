@@ -129,11 +129,24 @@ std::string format_argentina_time(WallClock::time_point when)
     return text;
 }
 
-std::string format_argentina_date(WallClock::time_point when)
+std::string format_argentina_date(WallClock::time_point when, bool with_time)
 {
     int millis = 0;
     const std::tm local = argentina_broken_down(when, millis);
-    char text[48];
+    char text[64];
     std::snprintf(text, sizeof text, "%04d%02d%02d", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday);
+    if (with_time)
+        std::snprintf(text + 8, sizeof text - 8, "%02d%02d%02d", local.tm_hour, local.tm_min, local.tm_sec);
+    return text;
+}
+
+std::string format_utc_clock(WallClock::time_point when)
+{
+    const std::time_t seconds = WallClock::to_time_t(when);
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    char text[64];
+    std::snprintf(text, sizeof text, "%d/%d/%04d %d:%02d:%02d %s", utc.tm_mon + 1, utc.tm_mday, utc.tm_year + 1900,
+                  (utc.tm_hour + 11) % 12 + 1, utc.tm_min, utc.tm_sec, utc.tm_hour < 12 ? "AM" : "PM");
     return text;
 }

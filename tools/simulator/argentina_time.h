@@ -17,7 +17,11 @@ std::optional<WallClock::time_point> parse_argentina_time(const std::string& tex
 // "2026-11-21T10:15:30.123-03:00": milliseconds and the fixed offset.
 std::string format_argentina_time(WallClock::time_point when);
 
-// "20261121" in Argentina's calendar, the date format of the invoicing service.
-std::string format_argentina_date(WallClock::time_point when);
+// "20261121" in Argentina's calendar, the date format of the invoicing service; with_time adds
+// the wall-clock time, "20261121101530", as in FchProceso.
+std::string format_argentina_date(WallClock::time_point when, bool with_time = false);
+
+// "11/21/2026 1:15:30 PM" in UTC, as the invoicing service writes a token's dates.
+std::string format_utc_clock(WallClock::time_point when);
 
 #endif

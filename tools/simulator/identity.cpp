@@ -1,10 +1,13 @@
 #include "identity.h"
 
+#include <openssl/core_names.h>
 #include <openssl/err.h>
+#include <openssl/param_build.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/x509v3.h>
 
+#include <cctype>
 #include <cstdio>
 #include <fstream>
 #include <stdexcept>
@@ -47,7 +50,8 @@ void set_random_serial(X509* certificate)
 } // namespace
 
 Identity make_self_signed_identity(const std::string& common_name, std::chrono::seconds valid_from,
-                                   std::chrono::seconds valid_until, const std::string& subject_alt_names)
+                                   std::chrono::seconds valid_until, const std::string& subject_alt_names,
+                                   const std::string& serial_number)
 {
     Identity identity;
     identity.key = PrivateKey(EVP_RSA_gen(rsa_bits));
@@ -65,7 +69,10 @@ Identity make_self_signed_identity(const std::string& common_name, std::chrono::
 
     X509_NAME* name = X509_get_subject_name(certificate);
     const auto* cn = reinterpret_cast<const unsigned char*>(common_name.c_str());
-    if (X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8, cn, -1, -1, 0) != 1 ||
+    const auto* serial = reinterpret_cast<const unsigned char*>(serial_number.c_str());
+    if ((!serial_number.empty() &&
+         X509_NAME_add_entry_by_txt(name, "serialNumber", MBSTRING_UTF8, serial, -1, -1, 0) != 1) ||
+        X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8, cn, -1, -1, 0) != 1 ||
         X509_set_issuer_name(certificate, name) != 1 || X509_set_pubkey(certificate, identity.key.get()) != 1)
         openssl_failure("subject");
 
@@ -100,6 +107,32 @@ void write_pkcs12_file(const Identity& identity, const std::string& password, co
         throw std::runtime_error("cannot write " + path);
 }
 
+void limit_to_legacy_tls(SSL_CTX* context)
+{
+    // The 1024-bit MODP group of RFC 2409 with generator 2: weak on purpose, and fixed.
+    BigNumber prime(BN_get_rfc2409_prime_1024(nullptr));
+    BigNumber generator(BN_new());
+    ParamBuilder builder(OSSL_PARAM_BLD_new());
+    if (!prime || !generator || !builder || BN_set_word(generator.get(), 2) != 1 ||
+        OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_FFC_P, prime.get()) != 1 ||
+        OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_FFC_G, generator.get()) != 1)
+        openssl_failure("DH parameters");
+    Params params(OSSL_PARAM_BLD_to_param(builder.get()));
+    KeyContext key_context(EVP_PKEY_CTX_new_from_name(nullptr, "DH", nullptr));
+    EVP_PKEY* group = nullptr;
+    if (!params || !key_context || EVP_PKEY_fromdata_init(key_context.get()) != 1 ||
+        EVP_PKEY_fromdata(key_context.get(), &group, EVP_PKEY_KEY_PARAMETERS, params.get()) != 1)
+        openssl_failure("DH parameters");
+    // Level 1 lets the server itself use the small group; DHE-RSA ends with TLS 1.2.
+    SSL_CTX_set_security_level(context, 1);
+    if (SSL_CTX_set_max_proto_version(context, TLS1_2_VERSION) != 1 ||
+        SSL_CTX_set_cipher_list(context, "DHE-RSA-AES128-GCM-SHA256:DHE-RSA-AES256-GCM-SHA384") != 1 ||
+        SSL_CTX_set0_tmp_dh_pkey(context, group) != 1) {
+        EVP_PKEY_free(group);
+        openssl_failure("legacy TLS settings");
+    }
+}
+
 std::string certificate_fingerprint(X509* certificate)
 {
     unsigned char digest[EVP_MAX_MD_SIZE];
@@ -117,14 +150,30 @@ std::string certificate_fingerprint(X509* certificate)
 
 std::string certificate_subject(X509* certificate)
 {
-    Bio memory(BIO_new(BIO_s_mem()));
-    if (!memory)
-        openssl_failure("subject text");
-    const unsigned long flags = (XN_FLAG_RFC2253 & ~XN_FLAG_SEP_MASK) | XN_FLAG_SEP_CPLUS_SPC;
-    X509_NAME_print_ex(memory.get(), X509_get_subject_name(certificate), 0, flags);
-    char* data = nullptr;
-    const long length = BIO_get_mem_data(memory.get(), &data);
-    return std::string(data, static_cast<size_t>(length));
+    const X509_NAME* name = X509_get_subject_name(certificate);
+    std::string text;
+    for (int i = 0; i < X509_NAME_entry_count(name); ++i) {
+        const X509_NAME_ENTRY* entry = X509_NAME_get_entry(name, i);
+        std::string field = OBJ_nid2sn(OBJ_obj2nid(X509_NAME_ENTRY_get_object(entry)));
+        for (char& c : field)
+            c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+        const ASN1_STRING* value = X509_NAME_ENTRY_get_data(entry);
+        text += (text.empty() ? "" : ", ") + field + "=" +
+                std::string(reinterpret_cast<const char*>(ASN1_STRING_get0_data(value)), static_cast<size_t>(ASN1_STRING_length(value)));
+    }
+    return text;
+}
+
+std::string certificate_cuit(X509* certificate)
+{
+    const X509_NAME* name = X509_get_subject_name(certificate);
+    const int index = X509_NAME_get_index_by_NID(name, NID_serialNumber, -1);
+    if (index < 0)
+        return {};
+    const ASN1_STRING* value = X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, index));
+    const std::string serial(reinterpret_cast<const char*>(ASN1_STRING_get0_data(value)), static_cast<size_t>(ASN1_STRING_length(value)));
+    const std::string prefix = "CUIT ";
+    return serial.rfind(prefix, 0) == 0 ? serial.substr(prefix.size()) : std::string();
 }
 
 std::string asn1_time_text(const ASN1_TIME* time)

@@ -5,31 +5,45 @@
 
 #include <map>
 #include <mutex>
+#include <optional>
+#include <set>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include "soap.h"
 #include "ticket_registry.h"
 
-// A business endpoint modelled on the electronic invoicing service: it accepts only
-// credentials the login endpoint issued and keeps the last authorised number per
-// (CUIT, point of sale, voucher type).
+// The electronic invoicing service (WSFEv1) as an ASMX service answers it: the operation named by
+// SOAPAction (or, without that header, by the body), credentials checked against the tickets the
+// login endpoint issued, and the last authorised number kept per (CUIT, point of sale, type).
 class InvoicingService {
 public:
     explicit InvoicingService(const TicketRegistry& tickets);
 
-    Reply handle(const std::string& request_body);
+    // `soap_action` is the header's value, nullopt when the request has none.
+    Reply handle(const std::string& request_body, const std::optional<std::string>& soap_action);
 
 private:
-    using VoucherSeries = std::tuple<std::string, long, long>;
+    using Series = std::tuple<std::string, long long, long long>; // CUIT, point of sale, voucher type
+    struct Voucher {
+        std::string fields; // the request's detail, in the answer's form
+        std::string cae;
+        std::string cae_expiry;
+        std::string processed;
+    };
 
-    Reply dummy() const;
-    Reply last_authorised(const pugi::xml_node& operation);
-    Reply authorise(const pugi::xml_node& operation);
+    Reply operate(const std::string& name, const pugi::xml_node& operation);
+    std::string last_authorised(const pugi::xml_node& operation, const std::string& cuit);
+    std::string authorise(const pugi::xml_node& operation, const std::string& cuit);
+    std::string consult(const pugi::xml_node& operation, const std::string& cuit);
+    std::string points_of_sale(const std::string& cuit);
 
     const TicketRegistry& m_tickets;
     std::mutex m_mutex;
-    std::map<VoucherSeries, long> m_last_number;
+    std::map<Series, long long> m_last_number;
+    std::map<std::pair<Series, long long>, Voucher> m_vouchers;
+    std::map<std::string, std::set<long long>> m_points_of_sale;
 };
 
 #endif

@@ -11,6 +11,8 @@
 namespace {
 
 const char ticket_source[] = "CN=wsaahomo, O=AFIP, C=AR, SERIALNUMBER=CUIT 33693450239";
+const char afip_cuit[] = "33693450239";
+const char axis_namespace[] = "http://xml.apache.org/axis/";
 
 // Tolerated difference between the host's clock and ours.
 constexpr std::chrono::minutes allowed_clock_skew{5};
@@ -27,42 +29,70 @@ struct LoginRequest {
     std::string service;
     std::string signer_fingerprint;
     std::string signer_subject;
+    std::string signer_cuit;
 };
 
+const char envelope_start[] =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
+    "<soapenv:Envelope xmlns:soapenv=\"http://schemas.xmlsoap.org/soap/envelope/\" "
+    "xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\" xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\">"
+    "<soapenv:Body>";
+const char envelope_end[] = "</soapenv:Body></soapenv:Envelope>";
+
+// A fault as Axis 1.4 writes it: the code and the detail's elements in Axis's own namespace.
 Reply fault_reply(const Refusal& refusal, const std::string& service)
 {
     Reply reply;
     reply.status = 500;
-    reply.body = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
-                 "<soapenv:Envelope xmlns:soapenv=\"http://schemas.xmlsoap.org/soap/envelope/\" "
-                 "xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\" xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\">"
-                 "<soapenv:Body><soapenv:Fault>"
-                 "<faultcode xmlns:ns1=\"http://wsaa.view.sua.dvadac.desein.afip.gov\">ns1:" +
+    reply.body = std::string(envelope_start) + "<soapenv:Fault><faultcode xmlns:ns1=\"" + axis_namespace + "\">ns1:" +
                  xml_escape(refusal.code) + "</faultcode><faultstring>" + xml_escape(refusal.text) +
-                 "</faultstring><detail><hostname>afip-simulator</hostname></detail>"
-                 "</soapenv:Fault></soapenv:Body></soapenv:Envelope>";
+                 "</faultstring><detail><ns2:exceptionName xmlns:ns2=\"" + axis_namespace +
+                 "\">gov.afip.desein.dvadac.sua.view.wsaa.LoginFault</ns2:exceptionName><ns3:hostname xmlns:ns3=\"" +
+                 axis_namespace + "\">afip-simulator</ns3:hostname></detail></soapenv:Fault>" + envelope_end;
     reply.summary = "loginCms" + (service.empty() ? std::string() : " service=" + service) + " -> fault ns1:" +
                     refusal.code + ": " + refusal.text;
     return reply;
 }
 
-Reply ticket_reply(const Ticket& ticket, const std::string& destination)
+long long unix_seconds(WallClock::time_point when)
+{
+    return std::chrono::duration_cast<std::chrono::seconds>(when.time_since_epoch()).count();
+}
+
+// The token as AFIP makes it: the Base64 of an sso document naming the signer and whom it may represent.
+std::string sso_token(const LoginRequest& request, const std::string& unique_id, WallClock::time_point generated,
+                      WallClock::time_point expires, const std::vector<std::string>& relations)
+{
+    std::string document = "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\n<sso version=\"2.0\">\n"
+                           "    <id src=\"" + xml_escape(ticket_source) + "\" dst=\"CN=" + xml_escape(request.service) +
+                           ", O=AFIP, C=AR\" unique_id=\"" + unique_id + "\" gen_time=\"" +
+                           std::to_string(unix_seconds(generated)) + "\" exp_time=\"" +
+                           std::to_string(unix_seconds(expires)) + "\"/>\n"
+                           "    <operation type=\"login\" value=\"granted\">\n"
+                           "        <login entity=\"" + afip_cuit + "\" service=\"" + xml_escape(request.service) +
+                           "\" uid=\"" + xml_escape(request.signer_subject) +
+                           "\" authmethod=\"cms\" regmethod=\"22\">\n            <relations>\n";
+    for (const std::string& cuit : relations)
+        document += "                <relation key=\"" + xml_escape(cuit) + "\" reltype=\"4\"/>\n";
+    document += "            </relations>\n        </login>\n    </operation>\n</sso>\n";
+    return base64(document);
+}
+
+Reply ticket_reply(const Ticket& ticket, const std::string& destination, const std::string& unique_id)
 {
     const std::string ticket_document =
         "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\n"
         "<loginTicketResponse version=\"1.0\"><header><source>" +
         xml_escape(ticket_source) + "</source><destination>" + xml_escape(destination) + "</destination><uniqueId>" +
-        random_digits(10) + "</uniqueId><generationTime>" + format_argentina_time(ticket.generated) +
+        unique_id + "</uniqueId><generationTime>" + format_argentina_time(ticket.generated) +
         "</generationTime><expirationTime>" + format_argentina_time(ticket.expires) +
         "</expirationTime></header><credentials><token>" + ticket.token + "</token><sign>" + ticket.sign +
         "</sign></credentials></loginTicketResponse>\n";
 
     Reply reply;
-    reply.body = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
-                 "<soapenv:Envelope xmlns:soapenv=\"http://schemas.xmlsoap.org/soap/envelope/\" "
-                 "xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\" xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\">"
-                 "<soapenv:Body><loginCmsResponse xmlns=\"http://wsaa.view.sua.dvadac.desein.afip.gov\"><loginCmsReturn>" +
-                 xml_escape(ticket_document) + "</loginCmsReturn></loginCmsResponse></soapenv:Body></soapenv:Envelope>";
+    reply.body = std::string(envelope_start) +
+                 "<loginCmsResponse xmlns=\"http://wsaa.view.sua.dvadac.desein.afip.gov\"><loginCmsReturn>" +
+                 xml_escape(ticket_document) + "</loginCmsReturn></loginCmsResponse>" + envelope_end;
     reply.summary = "loginCms service=" + ticket.service + " -> ticket issued, valid until " +
                     format_argentina_time(ticket.expires);
     return reply;
@@ -148,6 +178,7 @@ std::optional<Refusal> read_login_request(const std::string& request_body, Login
         return Refusal{"cms.cert.notYetValid", "Certificado aun no valido"};
     request.signer_fingerprint = certificate_fingerprint(signer);
     request.signer_subject = certificate_subject(signer);
+    request.signer_cuit = certificate_cuit(signer);
 
     char* data = nullptr;
     const long length = BIO_get_mem_data(content.get(), &data);
@@ -169,8 +200,9 @@ std::optional<Refusal> read_login_request(const std::string& request_body, Login
 
 } // namespace
 
-LoginService::LoginService(std::vector<std::string> authorised_services, TicketRegistry& tickets)
-    : m_authorised_services(std::move(authorised_services)), m_tickets(tickets)
+LoginService::LoginService(std::vector<std::string> authorised_services, std::vector<std::string> relations,
+                           TicketRegistry& tickets)
+    : m_authorised_services(std::move(authorised_services)), m_relations(std::move(relations)), m_tickets(tickets)
 {
 }
 
@@ -184,9 +216,17 @@ Reply LoginService::login_cms(const std::string& request_body)
         m_authorised_services.end())
         return fault_reply({"coe.notAuthorized", "Computador no autorizado a acceder al servicio"}, request.service);
 
-    const std::optional<Ticket> ticket = m_tickets.issue(request.signer_fingerprint, request.service);
+    std::vector<std::string> relations = m_relations;
+    if (!request.signer_cuit.empty() && std::find(relations.begin(), relations.end(), request.signer_cuit) == relations.end())
+        relations.insert(relations.begin(), request.signer_cuit);
+    const std::string unique_id = random_digits(10);
+    const std::optional<Ticket> ticket =
+        m_tickets.issue(request.signer_fingerprint, request.service, [&](WallClock::time_point generated, WallClock::time_point expires) {
+            return Ticket{sso_token(request, unique_id, generated, expires, relations), random_base64(128), request.service,
+                          generated, expires, relations};
+        });
     if (!ticket)
         return fault_reply({"coe.alreadyAuthenticated", "El CEE ya posee un TA valido para el acceso al WSN solicitado"},
                            request.service);
-    return ticket_reply(*ticket, request.signer_subject);
+    return ticket_reply(*ticket, request.signer_subject, unique_id);
 }

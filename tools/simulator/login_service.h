@@ -11,12 +11,15 @@
 // request and issues access tickets, refusing like the real service does.
 class LoginService {
 public:
-    LoginService(std::vector<std::string> authorised_services, TicketRegistry& tickets);
+    // `relations`: CUITs every certificate may represent besides the one in its own subject.
+    LoginService(std::vector<std::string> authorised_services, std::vector<std::string> relations,
+                 TicketRegistry& tickets);
 
     Reply login_cms(const std::string& request_body);
 
 private:
     std::vector<std::string> m_authorised_services;
+    std::vector<std::string> m_relations;
     TicketRegistry& m_tickets;
 };
 

@@ -18,13 +18,16 @@
 #include "invoicing_service.h"
 #include "login_service.h"
 #include "options.h"
+#include "scripted_answers.h"
+#include "service_descriptions.h"
 #include "ticket_registry.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr size_t largest_request_bytes = 4 * 1024 * 1024;
+// Room for the large answers a host's test may queue.
+constexpr size_t largest_request_bytes = 64 * 1024 * 1024;
 
 // One line per event on standard output, flushed at once so a watching test or user sees it.
 class RequestLog {
@@ -73,13 +76,32 @@ std::string host_in_url(const std::string& host)
     return host.find(':') != std::string::npos ? "[" + host + "]" : host;
 }
 
-// The names the generated server certificate answers to.
-std::string server_alt_names(const std::string& host)
+std::string alt_name(const std::string& name)
 {
+    return (is_ip_address(name) ? "IP:" : "DNS:") + name;
+}
+
+// The names the generated server certificate answers to: the one asked for, or the listening address.
+std::string server_alt_names(const Options& options)
+{
+    if (!options.tls_name.empty())
+        return alt_name(options.tls_name);
     std::string names = "DNS:localhost,IP:127.0.0.1";
-    if (host != "localhost" && host != "127.0.0.1" && !host.empty())
-        names += (is_ip_address(host) ? ",IP:" : ",DNS:") + host;
+    if (options.host != "localhost" && options.host != "127.0.0.1" && !options.host.empty())
+        names += "," + alt_name(options.host);
     return names;
+}
+
+std::unique_ptr<httplib::Server> make_server(const Options& options, std::optional<Identity>& identity)
+{
+    if (!options.tls)
+        return std::make_unique<httplib::Server>();
+    const std::string name = !options.tls_name.empty() ? options.tls_name : options.host.empty() ? "localhost" : options.host;
+    identity = make_self_signed_identity(name, -1h, std::chrono::hours(24 * 365), server_alt_names(options));
+    auto server = std::make_unique<httplib::SSLServer>(identity->certificate.get(), identity->key.get());
+    if (options.legacy_tls && server->is_valid())
+        limit_to_legacy_tls(server->ssl_context());
+    return server;
 }
 
 // Written whole under another name first, so a reader never sees half a number.
@@ -99,10 +121,11 @@ void write_port_file(const std::string& path, int port)
 int make_certificate_file(const Options& options)
 {
     constexpr std::chrono::hours day{24};
+    const std::string serial_number = options.certificate_cuit.empty() ? "" : "CUIT " + options.certificate_cuit;
     const Identity identity =
         options.certificate_expired
-            ? make_self_signed_identity(options.certificate_common_name, -366 * day, -1 * day, "")
-            : make_self_signed_identity(options.certificate_common_name, -1 * day, 730 * day, "");
+            ? make_self_signed_identity(options.certificate_common_name, -366 * day, -1 * day, "", serial_number)
+            : make_self_signed_identity(options.certificate_common_name, -1 * day, 730 * day, "", serial_number);
     write_pkcs12_file(identity, options.certificate_password, options.certificate_output);
     std::cout << "wrote " << options.certificate_output << ": " << certificate_subject(identity.certificate.get())
               << ", valid from " << asn1_time_text(X509_get0_notBefore(identity.certificate.get())) << " to "
@@ -137,56 +160,105 @@ std::string wait_for_stop_reason(const Options& options, const std::atomic<bool>
     return {};
 }
 
-Reply plain_text_answer()
+// A queued answer as it was asked for, cut short and held up where the script says so.
+void send_scripted(const ScriptedAnswer& answer, httplib::Response& response, StopFlag& stopping)
+{
+    stopping.wait_for(std::chrono::milliseconds(answer.delay_ms));
+    response.status = answer.status;
+    for (const auto& [name, value] : answer.headers)
+        response.set_header(name, value);
+    if (!answer.cut_after) {
+        response.set_content(answer.body, answer.content_type);
+        return;
+    }
+    // Announces the whole body but sends only part of it, then closes the connection.
+    const size_t sent = std::min(*answer.cut_after, answer.body.size());
+    response.set_content_provider(
+        answer.body.size(), answer.content_type,
+        [body = answer.body, sent, hang = answer.hang_ms, &stopping](size_t offset, size_t, httplib::DataSink& sink) {
+            if (offset < sent)
+                return sink.write(body.data() + offset, sent - offset);
+            stopping.wait_for(std::chrono::milliseconds(hang));
+            return false;
+        });
+}
+
+// What every endpoint shares: the log, the scripted answers and the stop flag.
+class Routes {
+public:
+    Routes(RequestLog& log, ScriptedAnswers& scripted, StopFlag& stopping)
+        : m_log(log), m_scripted(scripted), m_stopping(stopping)
+    {
+    }
+
+    // Wraps an endpoint: the request is recorded, a queued answer wins, and every request gets an
+    // answer and a log line, even when the endpoint throws. The simulator's controls are not recorded.
+    httplib::Server::Handler operator()(std::function<Reply(const httplib::Request&)> answer, bool control = false)
+    {
+        return [this, answer = std::move(answer), control](const httplib::Request& request, httplib::Response& response) {
+            if (!control && serve_queued(request, response))
+                return;
+            Reply reply;
+            try {
+                reply = answer(request);
+            } catch (const std::exception& error) {
+                reply.status = 500;
+                reply.content_type = "text/plain; charset=utf-8";
+                reply.body = std::string("internal simulator error: ") + error.what() + "\n";
+                reply.summary = std::string("-> internal error: ") + error.what();
+            }
+            response.status = reply.status;
+            response.set_content(reply.body, reply.content_type);
+            write_log(request, reply.status, reply.summary);
+        };
+    }
+
+private:
+    bool serve_queued(const httplib::Request& request, httplib::Response& response)
+    {
+        m_scripted.record(request);
+        const std::optional<ScriptedAnswer> answer = m_scripted.take(request.path);
+        if (!answer)
+            return false;
+        send_scripted(*answer, response, m_stopping);
+        write_log(request, answer->status,
+                  "-> scripted answer, " + std::to_string(answer->body.size()) + " bytes" +
+                      (answer->cut_after ? ", cut after " + std::to_string(*answer->cut_after) : ""));
+        return true;
+    }
+
+    void write_log(const httplib::Request& request, int status, const std::string& summary)
+    {
+        m_log.write(request.method + " " + request.path + " " + std::to_string(status) + " " + summary);
+    }
+
+    RequestLog& m_log;
+    ScriptedAnswers& m_scripted;
+    StopFlag& m_stopping;
+};
+
+Reply text_reply(int status, const std::string& text, const std::string& summary)
 {
     Reply reply;
+    reply.status = status;
     reply.content_type = "text/plain; charset=utf-8";
-    reply.body = "Servicio no disponible: respuesta de texto plano del simulador (--non-xml-answer)\n";
-    reply.summary = "-> plain-text answer (--non-xml-answer)";
+    reply.body = text + "\n";
+    reply.summary = summary;
     return reply;
-}
-
-void send_reply(const httplib::Request& request, httplib::Response& response, const Reply& reply, RequestLog& log)
-{
-    response.status = reply.status;
-    response.set_content(reply.body, reply.content_type.c_str());
-    log.write(request.method + " " + request.path + " " + std::to_string(reply.status) + " " + reply.summary);
-}
-
-// Wraps an endpoint so that every request gets an answer and a log line, even when it throws.
-httplib::Server::Handler endpoint(RequestLog& log, std::function<Reply(const httplib::Request&)> answer)
-{
-    return [&log, answer = std::move(answer)](const httplib::Request& request, httplib::Response& response) {
-        Reply reply;
-        try {
-            reply = answer(request);
-        } catch (const std::exception& error) {
-            reply.status = 500;
-            reply.content_type = "text/plain; charset=utf-8";
-            reply.body = std::string("internal simulator error: ") + error.what() + "\n";
-            reply.summary = std::string("-> internal error: ") + error.what();
-        }
-        send_reply(request, response, reply, log);
-    };
 }
 
 int run_server(const Options& options)
 {
     RequestLog log;
     StopFlag stopping;
-    TicketRegistry tickets(std::chrono::seconds(options.ticket_seconds));
-    LoginService login(options.services, tickets);
+    TicketRegistry tickets(std::chrono::seconds(options.ticket_seconds), std::chrono::seconds(options.refuse_relogin_seconds));
+    LoginService login(options.services, options.relations, tickets);
     InvoicingService invoicing(tickets);
+    ScriptedAnswers scripted;
+    Routes route(log, scripted, stopping);
 
     std::optional<Identity> server_identity;
-    std::unique_ptr<httplib::Server> server;
-    if (options.tls) {
-        server_identity = make_self_signed_identity(options.host.empty() ? "localhost" : options.host, -1h,
-                                                    std::chrono::hours(24 * 365), server_alt_names(options.host));
-        server = std::make_unique<httplib::SSLServer>(server_identity->certificate.get(), server_identity->key.get());
-    } else {
-        server = std::make_unique<httplib::Server>();
-    }
+    const std::unique_ptr<httplib::Server> server = make_server(options, server_identity);
     if (!server->is_valid()) {
         std::cerr << "afip_simulator: cannot set up the server" << (options.tls ? " (TLS context)" : "") << std::endl;
         return 1;
@@ -198,21 +270,54 @@ int run_server(const Options& options)
     server->set_tcp_nodelay(true);
     server->set_payload_max_length(largest_request_bytes);
 
-    server->Post("/ws/services/LoginCms",
-                 endpoint(log, [&](const httplib::Request& request) { return login.login_cms(request.body); }));
-    server->Post("/wsfev1/service.asmx", endpoint(log, [&](const httplib::Request& request) {
+    server->Post("/simulator/answers", route(
+                                           [&](const httplib::Request& request) {
+                                               try {
+                                                   auto [path, answer] = scripted_answer_from(request);
+                                                   scripted.queue(path, std::move(answer));
+                                                   return text_reply(200, "queued for " + path, "-> queued for " + path);
+                                               } catch (const std::invalid_argument& error) {
+                                                   return text_reply(400, error.what(), std::string("-> ") + error.what());
+                                               }
+                                           },
+                                           true));
+    const auto recorded = route(
+        [&](const httplib::Request& request) {
+            Reply reply;
+            reply.content_type = "application/json";
+            reply.body = scripted.recorded_json(request.get_param_value("path"));
+            reply.summary = "-> recorded requests";
+            return reply;
+        },
+        true);
+    server->Get("/simulator/requests", recorded);
+    server->Post("/simulator/requests", recorded);
+
+    server->Post("/ws/services/LoginCms", route([&](const httplib::Request& request) { return login.login_cms(request.body); }));
+    server->Post("/wsfev1/service.asmx", route([&](const httplib::Request& request) {
                      if (options.service_delay_ms > 0)
                          stopping.wait_for(std::chrono::milliseconds(options.service_delay_ms));
-                     return options.non_xml_answer ? plain_text_answer() : invoicing.handle(request.body);
+                     if (options.non_xml_answer)
+                         return text_reply(200, "Servicio no disponible: respuesta de texto plano del simulador (--non-xml-answer)",
+                                           "-> plain-text answer (--non-xml-answer)");
+                     const std::optional<std::string> soap_action =
+                         request.has_header("SOAPAction") ? std::optional(request.get_header_value("SOAPAction")) : std::nullopt;
+                     return invoicing.handle(request.body, soap_action);
                  }));
-    const auto not_found = endpoint(log, [](const httplib::Request&) {
-        Reply reply;
-        reply.status = 404;
-        reply.content_type = "text/plain; charset=utf-8";
-        reply.body = "not found\n";
-        reply.summary = "-> not found";
-        return reply;
-    });
+    for (const auto& [path, description] : {std::pair{"/ws/services/LoginCms", wsaa_description},
+                                            std::pair{"/wsfev1/service.asmx", wsfev1_description}})
+        server->Get(path, route([&, path = std::string(path), description = description](const httplib::Request& request) {
+                        if (!request.has_param("wsdl") && !request.has_param("WSDL"))
+                            return text_reply(404, "not found: add ?wsdl for the service description", "-> not found");
+                        Reply reply;
+                        reply.body = description;
+                        const std::string address = std::string(options.tls ? "https://" : "http://") +
+                                                    request.get_header_value("Host") + path;
+                        reply.body.replace(reply.body.find("{address}"), 9, address);
+                        reply.summary = "-> service description";
+                        return reply;
+                    }));
+    const auto not_found = route([](const httplib::Request&) { return text_reply(404, "not found", "-> not found"); });
     server->Get(".*", not_found);
     server->Post(".*", not_found);
     server->Put(".*", not_found);

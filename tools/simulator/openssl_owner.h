@@ -5,6 +5,7 @@
 #include <openssl/cms.h>
 #include <openssl/evp.h>
 #include <openssl/pkcs12.h>
+#include <openssl/param_build.h>
 #include <openssl/x509.h>
 
 #include <utility>
@@ -51,5 +52,8 @@ using SignerList = OpenSslOwner<STACK_OF(X509), free_x509_stack_only>;
 using X509Extension = OpenSslOwner<X509_EXTENSION, X509_EXTENSION_free>;
 using BigNumber = OpenSslOwner<BIGNUM, BN_free>;
 using Asn1Integer = OpenSslOwner<ASN1_INTEGER, ASN1_INTEGER_free>;
+using ParamBuilder = OpenSslOwner<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>;
+using Params = OpenSslOwner<OSSL_PARAM, OSSL_PARAM_free>;
+using KeyContext = OpenSslOwner<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
 
 #endif

@@ -7,30 +7,38 @@
 
 namespace {
 
-long parse_whole_number(const std::string& option, const std::string& text, long minimum, long maximum)
+bool is_cuit(const std::string& text)
+{
+    return text.size() == 11 && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+std::vector<std::string> split_list(const std::string& option, const std::string& text, bool cuits)
+{
+    std::vector<std::string> items;
+    std::istringstream list(text);
+    std::string item;
+    while (std::getline(list, item, ','))
+        if (!item.empty()) {
+            if (cuits && !is_cuit(item))
+                throw std::invalid_argument(option + " expects CUITs of 11 digits, not '" + item + "'");
+            items.push_back(item);
+        }
+    if (items.empty())
+        throw std::invalid_argument(option + " expects a comma-separated list");
+    return items;
+}
+
+} // namespace
+
+long parse_whole_number(const std::string& what, const std::string& text, long minimum, long maximum)
 {
     long value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (text.empty() || error != std::errc() || end != text.data() + text.size() || value < minimum || value > maximum)
-        throw std::invalid_argument(option + " expects a whole number from " + std::to_string(minimum) + " to " +
+        throw std::invalid_argument(what + " expects a whole number from " + std::to_string(minimum) + " to " +
                                     std::to_string(maximum) + ", not '" + text + "'");
     return value;
 }
-
-std::vector<std::string> split_services(const std::string& text)
-{
-    std::vector<std::string> services;
-    std::istringstream list(text);
-    std::string service;
-    while (std::getline(list, service, ','))
-        if (!service.empty())
-            services.push_back(service);
-    if (services.empty())
-        throw std::invalid_argument("--services expects a comma-separated list of service names");
-    return services;
-}
-
-} // namespace
 
 Options parse_options(int argc, char** argv)
 {
@@ -67,12 +75,21 @@ Options parse_options(int argc, char** argv)
         } else if (option == "--tls") {
             no_value();
             options.tls = true;
+        } else if (option == "--legacy-tls") {
+            no_value();
+            options.legacy_tls = true;
+        } else if (option == "--tls-name") {
+            options.tls_name = take_value();
         } else if (option == "--port-file") {
             options.port_file = take_value();
         } else if (option == "--services") {
-            options.services = split_services(take_value());
+            options.services = split_list(option, take_value(), false);
         } else if (option == "--ticket-seconds") {
             options.ticket_seconds = parse_whole_number(option, take_value(), 1, unlimited);
+        } else if (option == "--refuse-relogin-seconds") {
+            options.refuse_relogin_seconds = parse_whole_number(option, take_value(), 0, unlimited);
+        } else if (option == "--relations") {
+            options.relations = split_list(option, take_value(), true);
         } else if (option == "--service-delay-ms") {
             options.service_delay_ms = parse_whole_number(option, take_value(), 0, unlimited);
         } else if (option == "--non-xml-answer") {
@@ -87,6 +104,11 @@ Options parse_options(int argc, char** argv)
             options.password_given = true;
         } else if (option == "--cn") {
             options.certificate_common_name = take_value();
+        } else if (option == "--cuit") {
+            options.certificate_cuit = take_value();
+            options.cuit_given = true;
+            if (!is_cuit(options.certificate_cuit))
+                throw std::invalid_argument("--cuit expects the 11 digits of a CUIT, not '" + options.certificate_cuit + "'");
         } else if (option == "--expired") {
             no_value();
             options.certificate_expired = true;
@@ -97,9 +119,12 @@ Options parse_options(int argc, char** argv)
 
     if (options.help)
         return options;
+    if (!options.tls && (options.legacy_tls || !options.tls_name.empty()))
+        throw std::invalid_argument("--legacy-tls and --tls-name go with --tls");
     if (options.certificate_output.empty() &&
-        (options.password_given || options.certificate_expired || options.certificate_common_name != "simulator-client"))
-        throw std::invalid_argument("--password, --cn and --expired go with --make-certificate");
+        (options.password_given || options.certificate_expired || options.cuit_given ||
+         options.certificate_common_name != "simulator-client"))
+        throw std::invalid_argument("--password, --cn, --cuit and --expired go with --make-certificate");
     if (!options.certificate_output.empty() && !options.password_given)
         throw std::invalid_argument("--make-certificate needs --password");
     if (!options.certificate_output.empty() && options.certificate_common_name.empty())
@@ -117,21 +142,47 @@ Server options:
   --host ADDRESS          address to listen on (default 127.0.0.1)
   --port N                port to listen on; 0 picks a free one (default 0)
   --tls                   serve HTTPS with a certificate generated at start-up
+  --tls-name NAME         the certificate names NAME rather than the listening address
+                          (to stand in for AFIP's host names)
+  --legacy-tls            TLS 1.2 at most, key exchange only by DHE-RSA with a 1024-bit group:
+                          what a current client refuses unless it lowers its security level
   --port-file FILE        write the bound port and a newline to FILE once listening
   --services LIST         comma-separated services the login endpoint authorises (default wsfe)
   --ticket-seconds N      lifetime of issued access tickets (default 43200)
+  --refuse-relogin-seconds N
+                          while a ticket is valid, a second login for the same certificate and
+                          service is refused for N seconds after it was issued (default 600, as
+                          in AFIP's homologation; production uses 120)
+  --relations LIST        CUITs (comma-separated) every certificate may represent besides the one
+                          in its serialNumber
   --service-delay-ms N    the invoicing endpoint waits N ms before answering (default 0)
   --non-xml-answer        the invoicing endpoint answers 200 with a plain-text body
   --max-seconds N         stop after N seconds; 0 runs until SIGINT or SIGTERM (default 0)
 
 Certificate maker (writes a file and exits):
-  --make-certificate OUT.p12 --password PASS [--cn NAME] [--expired]
+  --make-certificate OUT.p12 --password PASS [--cn NAME] [--cuit CUIT] [--expired]
                           write a self-signed client certificate and key as PKCS#12;
+                          --cuit puts "serialNumber=CUIT <CUIT>" in its subject, as AFIP's have
+                          (default 20111111112, the CUIT of the sample requests);
                           --expired makes one whose validity ended yesterday
 
-Endpoints:
-  POST /ws/services/LoginCms   loginCms (SOAP 1.1)
-  POST /wsfev1/service.asmx    FEDummy, FECompUltimoAutorizado, FECAESolicitar (SOAP 1.1)
+Endpoints (SOAP 1.1; GET with ?wsdl or ?WSDL gives the service description):
+  POST /ws/services/LoginCms   WSAA loginCms
+  POST /wsfev1/service.asmx    WSFEv1: FEDummy, FECompUltimoAutorizado, FECAESolicitar,
+                               FECompConsultar, FECompTotXRequest, FEParamGetPtosVenta,
+                               FEParamGetTiposCbte, FEParamGetTiposDoc, FEParamGetTiposIva,
+                               FEParamGetTiposMonedas, FEParamGetTiposConcepto,
+                               FEParamGetTiposTributos, FEParamGetCondicionIvaReceptor,
+                               FEParamGetCotizacion; the operation is the SOAPAction's, or the
+                               body's when there is no SOAPAction header
+For a host's own tests:
+  POST /simulator/answers?path=P[&status=N][&content_type=T][&header=H]...[&delay_ms=N]
+                         [&cut_after=N][&hang_ms=N]
+                               queues the request's body as the next answer to path P: status N,
+                               extra header lines H, after a delay; cut_after closes the
+                               connection after N body bytes (and hang_ms waits before that)
+  GET  /simulator/requests[?path=P]
+                               the requests received (JSON: method, path, headers, body)
 
 Every request served is logged on standard output, one line each.
   --help                  show this text

@@ -8,9 +8,13 @@ struct Options {
     std::string host = "127.0.0.1";
     int port = 0;
     bool tls = false;
+    bool legacy_tls = false;
+    std::string tls_name;
     std::string port_file;
     std::vector<std::string> services{"wsfe"};
     long ticket_seconds = 43200;
+    long refuse_relogin_seconds = 600;
+    std::vector<std::string> relations;
     long service_delay_ms = 0;
     bool non_xml_answer = false;
     long max_seconds = 0;
@@ -20,12 +24,17 @@ struct Options {
     bool password_given = false;
     std::string certificate_common_name = "simulator-client";
     bool certificate_expired = false;
+    std::string certificate_cuit = "20111111112";
+    bool cuit_given = false;
 
     bool help = false;
 };
 
 // Throws std::invalid_argument with a message for the user on a bad command line.
 Options parse_options(int argc, char** argv);
+
+// The whole text as a number within the bounds, or std::invalid_argument naming `what`.
+long parse_whole_number(const std::string& what, const std::string& text, long minimum, long maximum);
 
 const char* usage_text();
 

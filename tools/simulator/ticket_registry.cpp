@@ -3,65 +3,71 @@
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
+#include <algorithm>
 #include <stdexcept>
-#include <vector>
 
 namespace {
 
-// Sizes close to the real credentials: a token of about 500 characters, a sign of 172.
-constexpr size_t token_bytes = 384;
-constexpr size_t sign_bytes = 128;
-
-std::vector<unsigned char> random_bytes(size_t count)
+std::string random_bytes(size_t count)
 {
-    std::vector<unsigned char> bytes(count);
-    if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1)
+    std::string bytes(count, '\0');
+    if (RAND_bytes(reinterpret_cast<unsigned char*>(bytes.data()), static_cast<int>(count)) != 1)
         throw std::runtime_error("random generator failed");
     return bytes;
 }
 
 } // namespace
 
-std::string random_base64(size_t byte_count)
+std::string base64(const std::string& bytes)
 {
-    const std::vector<unsigned char> bytes = random_bytes(byte_count);
-    std::string text(4 * ((byte_count + 2) / 3) + 1, '\0');
-    const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), bytes.data(),
-                                       static_cast<int>(bytes.size()));
+    std::string text(4 * ((bytes.size() + 2) / 3) + 1, '\0');
+    const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                                       reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
     text.resize(static_cast<size_t>(length));
     return text;
 }
 
+std::string random_base64(size_t byte_count)
+{
+    return base64(random_bytes(byte_count));
+}
+
 std::string random_digits(size_t count)
 {
-    const std::vector<unsigned char> bytes = random_bytes(count);
+    const std::string bytes = random_bytes(count);
     std::string digits;
     for (size_t i = 0; i < count; ++i)
-        digits += static_cast<char>((i == 0 ? '1' + bytes[i] % 9 : '0' + bytes[i] % 10));
+        digits += static_cast<char>(i == 0 ? '1' + static_cast<unsigned char>(bytes[i]) % 9
+                                           : '0' + static_cast<unsigned char>(bytes[i]) % 10);
     return digits;
 }
 
-TicketRegistry::TicketRegistry(std::chrono::seconds lifetime) : m_lifetime(lifetime) {}
+TicketRegistry::TicketRegistry(std::chrono::seconds lifetime, std::chrono::seconds refusal_window)
+    : m_lifetime(lifetime), m_refusal_window(refusal_window)
+{
+}
 
-std::optional<Ticket> TicketRegistry::issue(const std::string& certificate_fingerprint, const std::string& service)
+std::optional<Ticket> TicketRegistry::issue(const std::string& certificate_fingerprint, const std::string& service,
+                                            const std::function<Ticket(WallClock::time_point, WallClock::time_point)>& make)
 {
     const WallClock::time_point now = WallClock::now();
     std::lock_guard<std::mutex> lock(m_mutex);
-    auto [entry, inserted] = m_expiry_by_certificate_and_service.try_emplace({certificate_fingerprint, service}, now);
-    if (!inserted && entry->second > now)
+    const auto last = m_last_by_certificate_and_service.find({certificate_fingerprint, service});
+    if (last != m_last_by_certificate_and_service.end() &&
+        now < std::min(last->second.expires, last->second.generated + m_refusal_window))
         return std::nullopt;
 
-    Ticket ticket{random_base64(token_bytes), random_base64(sign_bytes), service, now, now + m_lifetime};
-    entry->second = ticket.expires;
+    Ticket ticket = make(now, now + m_lifetime);
+    m_last_by_certificate_and_service[{certificate_fingerprint, service}] = ticket;
     m_tickets_by_token[ticket.token] = ticket;
     return ticket;
 }
 
-TicketCheck TicketRegistry::check(const std::string& token, const std::string& sign) const
+std::optional<Ticket> TicketRegistry::find(const std::string& token, const std::string& sign) const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     const auto found = m_tickets_by_token.find(token);
     if (found == m_tickets_by_token.end() || found->second.sign != sign)
-        return TicketCheck::unknown;
-    return WallClock::now() < found->second.expires ? TicketCheck::valid : TicketCheck::expired;
+        return std::nullopt;
+    return found->second;
 }

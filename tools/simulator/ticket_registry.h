@@ -2,12 +2,14 @@
 #define TARVO_SIMULATOR_TICKET_REGISTRY_H
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "argentina_time.h"
 
@@ -17,27 +19,32 @@ struct Ticket {
     std::string service;
     WallClock::time_point generated;
     WallClock::time_point expires;
+    std::vector<std::string> relations; // the CUITs the certificate may represent
 };
-
-enum class TicketCheck { valid, unknown, expired };
 
 // The access tickets this process issued, shared by the login and business endpoints.
 class TicketRegistry {
 public:
-    explicit TicketRegistry(std::chrono::seconds lifetime);
+    TicketRegistry(std::chrono::seconds lifetime, std::chrono::seconds refusal_window);
 
-    // A fresh ticket, or nullopt while one issued for that certificate and service is still valid.
-    std::optional<Ticket> issue(const std::string& certificate_fingerprint, const std::string& service);
+    // The ticket `make` builds for (generation, expiry) times, or nullopt while one issued for the
+    // same certificate and service is still valid and younger than the refusal window.
+    std::optional<Ticket> issue(const std::string& certificate_fingerprint, const std::string& service,
+                                const std::function<Ticket(WallClock::time_point, WallClock::time_point)>& make);
 
-    // Whether the pair was issued together here and is still within its lifetime.
-    TicketCheck check(const std::string& token, const std::string& sign) const;
+    // The ticket issued here with that token and sign, whatever its age.
+    std::optional<Ticket> find(const std::string& token, const std::string& sign) const;
 
 private:
     std::chrono::seconds m_lifetime;
+    std::chrono::seconds m_refusal_window;
     mutable std::mutex m_mutex;
-    std::map<std::pair<std::string, std::string>, WallClock::time_point> m_expiry_by_certificate_and_service;
+    std::map<std::pair<std::string, std::string>, Ticket> m_last_by_certificate_and_service;
     std::unordered_map<std::string, Ticket> m_tickets_by_token;
 };
+
+// Base64 of the bytes.
+std::string base64(const std::string& bytes);
 
 // Base64 of that many random bytes.
 std::string random_base64(size_t byte_count);
