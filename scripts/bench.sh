@@ -9,7 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 build_dir=${BUILD_DIR:-build-bench}
 
-scripts/install-deps.sh
+scripts/install-deps.sh tools bench
 cmake -S . -B "$build_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARVO_SANITIZE=OFF \
   -DTARVO_BUILD_TESTS=OFF -DTARVO_BUILD_TOOLS=ON -DTARVO_BUILD_BENCH=ON >/dev/null
 cmake --build "$build_dir" -j2 --target tarvo_bench >"$build_dir/build.log" 2>&1 ||

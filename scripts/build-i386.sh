@@ -6,7 +6,9 @@
 # checkout. The checkout is bind-mounted read-only at /src; the build directory
 # is /build inside the root, so later runs from the same checkout build incrementally.
 #
-# Result: build-i386/libtarvoafipdriver.so in the checkout.
+# Result: build-i386/libtarvoafipdriver.so in the checkout. With --package it builds the i386
+# Debian packages instead (Release, in /build-package inside the root) and copies them to
+# $TARVO_I386_PACKAGE_OUT (default <checkout>/packages).
 #
 # Environment:
 #   TARVO_I386_ROOT    the cached root (default /var/cache/tarvoafip/i386-bookworm)
@@ -40,18 +42,16 @@ if [ -z "${TARVO_I386_IN_NAMESPACE:-}" ] && unshare --mount --propagation privat
   exec unshare --mount --propagation private bash "${BASH_SOURCE[0]}" "$@"
 fi
 
-# Packages the host build needs, taken from the install script so the two stay in
-# step; host-only tools are left out of the root.
-host_only=" debootstrap valgrind clang "
-packages=()
-for package in $(sed -n '/^packages=(/,/^)/{s/#.*//;s/packages=(//;s/)//;p}' "$source_dir/scripts/install-deps.sh"); do
-  case $host_only in *" $package "*) continue ;; esac
-  case $package in libclang-rt-*) continue ;; esac
-  packages+=("$package")
-done
-[ ${#packages[@]} -gt 0 ] || die "no package list found in scripts/install-deps.sh"
+# What building and testing need, from the install script so that the two stay in step.
+mapfile -t packages < <("$source_dir/scripts/install-deps.sh" --list tests)
+package_mode=false
+if [ "${1:-}" = --package ]; then
+  package_mode=true
+  packages+=(dpkg-dev file)
+fi
+[ ${#packages[@]} -gt 0 ] || die "no package list from scripts/install-deps.sh"
 
-command -v debootstrap >/dev/null || "$source_dir/scripts/install-deps.sh"
+command -v debootstrap >/dev/null || "$source_dir/scripts/install-deps.sh" i386
 
 mkdir -p "$(dirname "$root")"
 exec 9>"$root.lock"
@@ -132,6 +132,19 @@ fi
 touch "$marker"
 
 bind "$source_dir" "$root/src" ro
+
+if $package_mode; then
+  package_out=${TARVO_I386_PACKAGE_OUT:-$source_dir/packages}
+  log "building the i386 packages"
+  rm -rf --one-file-system "$root/build-package"
+  in_root cmake -S /src -B /build-package -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+    -DTARVO_BUILD_TESTS=OFF >/dev/null
+  in_root cmake --build /build-package -j "$jobs"
+  in_root sh -c 'cd /build-package && cpack -G DEB'
+  mkdir -p "$package_out"
+  cp "$root"/build-package/*.deb "$package_out"/
+  exit 0
+fi
 
 # make trusts timestamps: objects built from another checkout could look newer than these sources.
 if [ "${TARVO_I386_CLEAN:-}" = 1 ] || [ "$(cat "$root/build/.tarvo-source" 2>/dev/null)" != "$source_dir" ]; then

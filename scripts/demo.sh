@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 
-scripts/install-deps.sh
+scripts/install-deps.sh tools
 cmake -S . -B build >/dev/null
 cmake --build build -j2 --target tarvoafipdriver afip_simulator tarvoafip_cli
 

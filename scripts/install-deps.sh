@@ -1,31 +1,59 @@
 #!/usr/bin/env bash
-# Installs every Debian package that building and testing the library needs.
-# Idempotent and non-interactive; returns at once when everything is present.
+# Installs the Debian packages the project needs: by default only what building the library
+# takes, more on request. Idempotent and non-interactive; as root directly, otherwise with sudo.
+#   scripts/install-deps.sh [GROUP...]        install
+#   scripts/install-deps.sh --list [GROUP...] print the package names only
+# Groups: build (always), tools (simulator and command-line host), tests, memcheck, bench, fuzz,
+# i386 (the 32-bit build), package (Debian packages and their clean-system check), all.
 set -euo pipefail
 
-packages=(
-  build-essential cmake pkg-config file curl
-  libcurl4-openssl-dev libssl-dev openssl libpugixml-dev nlohmann-json3-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
-  libcpp-httplib-dev tinyproxy python3
-  debootstrap valgrind clang libclang-rt-14-dev
+declare -A group=(
+  [build]="build-essential cmake pkg-config libcurl4-openssl-dev libssl-dev libpugixml-dev nlohmann-json3-dev"
+  [tools]="libcpp-httplib-dev"
+  [tests]="libcpp-httplib-dev libgtest-dev openssl tinyproxy coreutils python3 python3-lxml fpc default-jdk-headless libjna-java"
+  [memcheck]="valgrind"
+  [bench]="libcpp-httplib-dev libbenchmark-dev openssl curl"
+  [fuzz]="clang libclang-rt-14-dev"
+  [i386]="debootstrap file"
+  [package]="dpkg-dev file lintian debootstrap"
 )
 
-missing=()
-for package in "${packages[@]}"; do
-  if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "ok installed"; then
-    missing+=("$package")
+list=false
+if [ "${1:-}" = --list ]; then
+  list=true
+  shift
+fi
+wanted=(build)
+for name in "$@"; do
+  if [ "$name" = all ]; then
+    wanted+=("${!group[@]}")
+  elif [ -n "${group[$name]:-}" ]; then
+    wanted+=("$name")
+  else
+    echo "install-deps.sh: unknown group '$name' (build tools tests memcheck bench fuzz i386 package all)" >&2
+    exit 2
   fi
 done
 
-if [ ${#missing[@]} -eq 0 ]; then
+packages=()
+for name in "${wanted[@]}"; do
+  for package in ${group[$name]}; do
+    case " ${packages[*]} " in *" $package "*) ;; *) packages+=("$package") ;; esac
+  done
+done
+if $list; then
+  printf '%s\n' "${packages[@]}"
   exit 0
 fi
 
+missing=()
+for package in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "ok installed" || missing+=("$package")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
 sudo=""
-if [ "$(id -u)" -ne 0 ]; then
-  sudo="sudo"
-fi
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
 echo "Installing: ${missing[*]}"
 $sudo env DEBIAN_FRONTEND=noninteractive apt-get update -qq
 $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -18,7 +18,7 @@ case "${1:-}" in
   *) echo "usage: $0 [--sanitize]" >&2; exit 2 ;;
 esac
 
-scripts/install-deps.sh
+scripts/install-deps.sh tests
 cmake -S . -B "$build_dir" "${cmake_options[@]}" >/dev/null
 cmake --build "$build_dir" -j2
 cd "$build_dir"

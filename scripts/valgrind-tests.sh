@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 source_dir=$(pwd)
 build_dir=${BUILD_DIR:-build-valgrind}
 
-scripts/install-deps.sh
+scripts/install-deps.sh tests memcheck
 cmake -S . -B "$build_dir" -DCMAKE_BUILD_TYPE=Debug -DTARVO_SANITIZE=OFF -DTARVO_FUZZ=OFF \
   -DTARVO_BUILD_TESTS=ON -DTARVO_BUILD_TOOLS=ON >/dev/null
 cmake --build "$build_dir" -j2
