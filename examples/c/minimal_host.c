@@ -3,7 +3,8 @@
  *
  * Usage: minimal_host [WSAA_URL [CERTIFICATE [PASSWORD [SERVICE [SERVICE_URL [REQUEST_FILE]]]]]]
  * A setting left off the command line is read from the environment: TARVO_WSAA_URL,
- * TARVO_CERTIFICATE, TARVO_PASSWORD, TARVO_SERVICE, TARVO_SERVICE_URL, TARVO_REQUEST.
+ * TARVO_CERTIFICATE, TARVO_PASSWORD, TARVO_SERVICE, TARVO_SERVICE_URL, TARVO_REQUEST;
+ * TARVO_SOAP_ACTION adds the line SOAPAction: "<its value>".
  * The exit status is the library's result code (66 when the request file cannot be read).
  */
 #include <stdio.h>
@@ -100,6 +101,11 @@ int main(int argc, char** argv)
     SetWSAACredentials(setting(argc, argv, 2, "TARVO_CERTIFICATE"), setting(argc, argv, 3, "TARVO_PASSWORD"));
     SetWSAAService(setting(argc, argv, 4, "TARVO_SERVICE"));
     SetWSUrl(setting(argc, argv, 5, "TARVO_SERVICE_URL"));
+    if (getenv("TARVO_SOAP_ACTION") != NULL) {
+        char header[1024];
+        snprintf(header, sizeof header, "SOAPAction: \"%s\"", getenv("TARVO_SOAP_ACTION"));
+        AddSOAPHeader(header);
+    }
 
     result = SendSOAP(request);
     free(request);

@@ -1,5 +1,6 @@
 #include "command_line.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -22,11 +23,32 @@ long long parse_integer(const std::string& option, const std::string& text, long
     return value;
 }
 
+// AFIP's addresses for each environment: WSAA, then WSFEv1.
+struct Environment {
+    const char* name;
+    const char* wsaa_url;
+    const char* service_url;
+};
+const Environment environments[] = {
+    {"homologation", "https://wsaahomo.afip.gov.ar/ws/services/LoginCms", "https://wswhomo.afip.gov.ar/wsfev1/service.asmx"},
+    {"production", "https://wsaa.afip.gov.ar/ws/services/LoginCms", "https://servicios1.afip.gov.ar/wsfev1/service.asmx"},
+};
+
+const char* const wsfev1_operations[] = {
+    "FECAESolicitar", "FECompTotXRequest", "FEDummy", "FECompUltimoAutorizado", "FECompConsultar",
+    "FECAEARegInformativo", "FECAEASolicitar", "FECAEASinMovimientoConsultar", "FECAEASinMovimientoInformar",
+    "FECAEAConsultar", "FEParamGetCotizacion", "FEParamGetTiposTributos", "FEParamGetTiposMonedas",
+    "FEParamGetTiposIva", "FEParamGetTiposOpcional", "FEParamGetTiposConcepto", "FEParamGetPtosVenta",
+    "FEParamGetTiposCbte", "FEParamGetCondicionIvaReceptor", "FEParamGetTiposDoc", "FEParamGetTiposPaises",
+    "FEParamGetActividades"};
+
 } // namespace
 
 CliOptions parse_command_line(int argc, const char* const* argv)
 {
     CliOptions options;
+    const Environment* environment = nullptr;
+    std::string operation;
     for (int index = 1; index < argc; ++index) {
         std::string name = argv[index];
         std::optional<std::string> attached;
@@ -56,6 +78,24 @@ CliOptions parse_command_line(int argc, const char* const* argv)
             options.certificate_path = value();
         else if (name == "--password")
             options.certificate_password = value();
+        else if (name == "--password-file")
+            options.password_file = value();
+        else if (name == "--env") {
+            const std::string wanted = value();
+            environment = nullptr;
+            for (const Environment& candidate : environments)
+                if (wanted == candidate.name)
+                    environment = &candidate;
+            if (environment == nullptr)
+                throw UsageError("--env takes homologation or production, not '" + wanted + "'");
+        }
+        else if (name == "--operation") {
+            operation = value();
+            if (std::find(std::begin(wsfev1_operations), std::end(wsfev1_operations), operation) ==
+                std::end(wsfev1_operations))
+                throw UsageError("--operation takes a WSFEv1 operation such as FECAESolicitar or FEDummy, not '" +
+                                 operation + "'");
+        }
         else if (name == "--service")
             options.service = value();
         else if (name == "--url")
@@ -67,8 +107,7 @@ CliOptions parse_command_line(int argc, const char* const* argv)
         else if (name == "--proxy-password")
             options.proxy_password = value();
         else if (name == "--tls-level")
-            options.tls_level = static_cast<int32_t>(parse_integer(
-                name, value(), std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
+            options.tls_level = static_cast<int32_t>(parse_integer(name, value(), 1, 4));
         else if (name == "--timeout-ms")
             options.timeout_ms =
                 static_cast<uint32_t>(parse_integer(name, value(), 0, std::numeric_limits<uint32_t>::max()));
@@ -93,6 +132,12 @@ CliOptions parse_command_line(int argc, const char* const* argv)
         else
             throw UsageError("unknown option '" + name + "'");
     }
+    if (environment != nullptr) {
+        options.wsaa_url = options.wsaa_url.value_or(environment->wsaa_url);
+        options.service_url = options.service_url.value_or(environment->service_url);
+    }
+    if (!operation.empty())
+        options.headers.push_back("SOAPAction: \"http://ar.gov.afip.dif.FEV1/" + operation + "\"");
     return options;
 }
 
@@ -101,10 +146,15 @@ const char* usage_text()
     return "Usage: tarvoafip_cli [options] [--request FILE]\n"
            "Sends one SOAP request through libtarvoafipdriver and prints the answer.\n"
            "\n"
-           "  --library PATH          the shared library (default: the one built next to this program)\n"
+           "  --library PATH          the shared library (default: TARVO_LIBRARY, else the one built next\n"
+           "                          to this program, else libtarvoafipdriver.so.1 from the system)\n"
+           "  --env ENVIRONMENT       homologation or production: AFIP's WSAA and WSFEv1 addresses\n"
+           "                          (--wsaa-url and --url still win)\n"
            "  --wsaa-url URL          WSAA loginCms address                      (SetWSAA)\n"
            "  --certificate PATH      PKCS#12 certificate file                   (SetWSAACredentials)\n"
-           "  --password PASS         its password                               (SetWSAACredentials)\n"
+           "  --password PASS         its password (visible to other users in ps; prefer the next two)\n"
+           "  --password-file FILE    the password from the file's first line\n"
+           "                          (else the TARVO_PASSWORD environment variable) (SetWSAACredentials)\n"
            "  --service NAME          WSAA service name, e.g. wsfe               (SetWSAAService)\n"
            "  --url URL               business web-service address               (SetWSUrl)\n"
            "  --proxy URL             proxy address                              (SetWebProxy)\n"
@@ -113,9 +163,12 @@ const char* usage_text()
            "  --tls-level N           1 TLS 1.0, 2 TLS 1.1, 3 TLS 1.2, 4 TLS 1.3  (SetSecurity)\n"
            "  --timeout-ms N          whole-transfer time-out, 0 none            (SetTimeOut)\n"
            "  --header LINE           extra HTTP header \"Name: value\"; repeatable (AddSOAPHeader)\n"
-           "  --request FILE          the SOAP request; '-' or absent: standard input\n"
+           "  --operation NAME        adds the SOAPAction line of a WSFEv1 operation, e.g. FECAESolicitar\n"
+           "  --request FILE          the SOAP request; '-' or absent: standard input, which must not be\n"
+           "                          a terminal unless '-' is given\n"
            "  --log                   print the transfer log on standard error after the answer\n"
-           "  --log-file FILE         write the transfer log to FILE\n"
+           "  --log-file FILE         write the transfer log to FILE, readable by its owner only: it\n"
+           "                          holds the live token and sign\n"
            "  --version               print the library's version\n"
            "  --help                  print this text\n"
            "\n"
@@ -123,5 +176,7 @@ const char* usage_text()
            "(0 success, 1-17 see the library's header), or 64 bad usage, 66 unreadable request,\n"
            "69 library not loadable, 70 answer or log not readable, 74 log file not writable.\n"
            "credentials.json (the ticket cache) is read and written in the working directory.\n"
-           "Run with TZ=America/Argentina/Buenos_Aires: WSAA reads ticket times as Argentina's time.\n";
+           "Run with TZ=America/Argentina/Buenos_Aires: WSAA reads ticket times as Argentina's time.\n"
+           "The library writes the ticket only into elements named exactly ar:Token/token and\n"
+           "ar:Sign/sign; a warning says when the request has none.\n";
 }

@@ -9,10 +9,11 @@
 
 // Everything the command line asked for; an absent option leaves its setter uncalled.
 struct CliOptions {
-    std::string library_path; // empty: the library built next to this program
+    std::string library_path; // empty: TARVO_LIBRARY, the build tree's copy, or the installed library
     std::optional<std::string> wsaa_url;
     std::optional<std::string> certificate_path;
     std::optional<std::string> certificate_password;
+    std::string password_file;
     std::optional<std::string> service;
     std::optional<std::string> service_url;
     std::optional<std::string> proxy_url;
@@ -20,8 +21,8 @@ struct CliOptions {
     std::optional<std::string> proxy_password;
     std::optional<int32_t> tls_level;
     std::optional<uint32_t> timeout_ms;
-    std::vector<std::string> headers; // in command-line order, duplicates kept
-    std::string request_file = "-";   // "-": standard input
+    std::vector<std::string> headers; // in command-line order, duplicates kept, the SOAPAction last
+    std::string request_file;         // empty or "-": standard input
     bool print_log = false;
     std::string log_file;
     bool show_version = false;
@@ -34,6 +35,8 @@ public:
 };
 
 // Accepts "--name value" and "--name=value"; throws UsageError on anything it does not know.
+// --env fills the addresses that --wsaa-url and --url did not give; --operation adds the
+// SOAPAction line of that WSFEv1 operation.
 CliOptions parse_command_line(int argc, const char* const* argv);
 
 const char* usage_text();

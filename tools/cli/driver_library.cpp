@@ -1,7 +1,6 @@
 #include "driver_library.h"
 
 #include <dlfcn.h>
-#include <unistd.h>
 
 #include <vector>
 
@@ -85,14 +84,4 @@ std::string LoadedDriver::answer() const
 std::string LoadedDriver::transfer_log() const
 {
     return copy_out(GetVerboseTransfer, "transfer log");
-}
-
-std::string default_library_path()
-{
-    std::vector<char> path(4096);
-    const ssize_t length = readlink("/proc/self/exe", path.data(), path.size() - 1);
-    if (length <= 0)
-        return TARVO_CLI_LIBRARY_FROM_PROGRAM_DIRECTORY;
-    std::string program(path.data(), static_cast<size_t>(length));
-    return program.substr(0, program.rfind('/') + 1) + TARVO_CLI_LIBRARY_FROM_PROGRAM_DIRECTORY;
 }

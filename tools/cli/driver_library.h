@@ -49,7 +49,4 @@ private:
     void* m_handle = nullptr;
 };
 
-// The library that the build puts beside this program, found from the program's own location.
-std::string default_library_path();
-
 #endif

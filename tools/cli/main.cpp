@@ -1,15 +1,22 @@
 // tarvoafip_cli: a command-line host of libtarvoafipdriver; one SendSOAP per run.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <optional>
 #include <sstream>
 #include <string>
 
 #include "command_line.h"
 #include "driver_library.h"
 #include "host_messages.h"
+#include "request_check.h"
 
 namespace {
 
@@ -27,9 +34,27 @@ void complain(const std::string& message)
     std::cerr << program_name << ": " << message << '\n';
 }
 
+// Where the library is looked for without --library: TARVO_LIBRARY, then the copy a build tree
+// keeps beside this program, then the installed library through the dynamic loader's search path.
+std::string default_library_path()
+{
+    if (const char* variable = std::getenv("TARVO_LIBRARY"); variable != nullptr && *variable != '\0')
+        return variable;
+    char program[4096];
+    const ssize_t length = readlink("/proc/self/exe", program, sizeof program - 1);
+    if (length > 0) {
+        std::string built(program, static_cast<size_t>(length));
+        built.erase(built.rfind('/') + 1).append(TARVO_CLI_LIBRARY_FROM_PROGRAM_DIRECTORY);
+        if (access(built.c_str(), F_OK) == 0)
+            return built;
+    }
+    return TARVO_LIBRARY_SONAME;
+}
+
+// The request from the file, or from standard input when none is named or it is "-".
 bool read_request(const std::string& file, std::string& request)
 {
-    if (file == "-") {
+    if (file.empty() || file == "-") {
         request.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
         return !std::cin.bad();
     }
@@ -42,13 +67,32 @@ bool read_request(const std::string& file, std::string& request)
     return !input.bad();
 }
 
-void apply_settings(const LoadedDriver& driver, const CliOptions& options)
+// --password, else the first line of --password-file, else TARVO_PASSWORD; nullopt when none is given.
+std::optional<std::string> password(const CliOptions& options)
+{
+    if (options.certificate_password)
+        return options.certificate_password;
+    if (!options.password_file.empty()) {
+        std::ifstream file(options.password_file);
+        if (!file)
+            throw std::runtime_error("cannot read the password from " + options.password_file);
+        std::string line;
+        std::getline(file, line);
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        return line;
+    }
+    if (const char* variable = std::getenv("TARVO_PASSWORD"))
+        return std::string(variable);
+    return std::nullopt;
+}
+
+void apply_settings(const LoadedDriver& driver, const CliOptions& options, const std::optional<std::string>& password)
 {
     if (options.wsaa_url)
         driver.SetWSAA(options.wsaa_url->c_str());
-    if (options.certificate_path || options.certificate_password)
-        driver.SetWSAACredentials(options.certificate_path.value_or("").c_str(),
-                                  options.certificate_password.value_or("").c_str());
+    if (options.certificate_path || password)
+        driver.SetWSAACredentials(options.certificate_path.value_or("").c_str(), password.value_or("").c_str());
     if (options.service)
         driver.SetWSAAService(options.service->c_str());
     if (options.service_url)
@@ -64,12 +108,19 @@ void apply_settings(const LoadedDriver& driver, const CliOptions& options)
         driver.AddSOAPHeader(header.c_str());
 }
 
-bool write_file(const std::string& path, const std::string& data)
+// The log holds the live token and sign: written for its owner's eyes only, also over an older file.
+bool write_private_file(const std::string& path, const std::string& data)
 {
-    std::ofstream output(path, std::ios::binary | std::ios::trunc);
-    output.write(data.data(), static_cast<std::streamsize>(data.size()));
-    output.flush();
-    return static_cast<bool>(output);
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    if (fd < 0)
+        return false;
+    bool written = ::fchmod(fd, S_IRUSR | S_IWUSR) == 0;
+    for (size_t done = 0; written && done < data.size();) {
+        const ssize_t count = ::write(fd, data.data() + done, data.size() - done);
+        written = count > 0;
+        done += written ? static_cast<size_t>(count) : 0;
+    }
+    return ::close(fd) == 0 && written;
 }
 
 int run(const CliOptions& options)
@@ -80,17 +131,32 @@ int run(const CliOptions& options)
         return 0;
     }
 
+    // Never wait silently for a request typed on a terminal.
+    if (options.request_file.empty() && isatty(STDIN_FILENO)) {
+        complain("no request: give --request FILE, or pipe one in (--request - reads this terminal)");
+        return exit_usage;
+    }
+    if (options.request_file == "-" && isatty(STDIN_FILENO))
+        complain("reading the request from this terminal; end it with Ctrl-D");
     std::string request;
     if (!read_request(options.request_file, request)) {
         complain("cannot read the request from " + options.request_file);
         return exit_no_input;
     }
+    std::optional<std::string> certificate_password;
+    try {
+        certificate_password = password(options);
+    } catch (const std::runtime_error& error) {
+        complain(error.what());
+        return exit_no_input;
+    }
 
-    const std::string warning = time_zone_warning(utc_offset_seconds(std::time(nullptr)));
-    if (!warning.empty())
-        complain(warning);
+    for (const std::string& warning :
+         {time_zone_warning(utc_offset_seconds(std::time(nullptr))), ticket_element_warning(request)})
+        if (!warning.empty())
+            complain(warning);
 
-    apply_settings(driver, options);
+    apply_settings(driver, options, certificate_password);
     const int32_t result = driver.SendSOAP(request.c_str());
 
     // The answer is bytes, not text: written whole, whatever it holds.
@@ -104,7 +170,7 @@ int run(const CliOptions& options)
             std::cerr.write(log.data(), static_cast<std::streamsize>(log.size()));
             std::cerr.flush();
         }
-        if (!options.log_file.empty() && !write_file(options.log_file, log)) {
+        if (!options.log_file.empty() && !write_private_file(options.log_file, log)) {
             complain("cannot write the transfer log to " + options.log_file);
             return exit_io;
         }
