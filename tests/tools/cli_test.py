@@ -1,0 +1,148 @@
+"""The command-line host as users run it: alone, then against the simulator over HTTPS."""
+import json
+import os
+import stat
+import tempfile
+import time
+import unittest
+
+from harness import CLI, SAMPLES, Simulator, fixture, run
+
+LAST_VOUCHER = os.path.join(SAMPLES, "fe_comp_ultimo_autorizado.xml")
+DUMMY = os.path.join(SAMPLES, "fe_dummy.xml")
+
+
+class Alone(unittest.TestCase):
+    def test_bad_usage_gives_64(self):
+        for arguments in (["--no-such-option"], ["--url"], ["--tls-level", "three"], ["--timeout-ms", "-1"],
+                          ["--timeout-ms", "4294967296"], ["--log=yes"], ["--timeout-ms", " 5"]):
+            result = run([CLI] + arguments)
+            self.assertEqual((result.returncode, result.stdout), (64, ""), arguments)
+            self.assertIn("tarvoafip_cli: ", result.stderr)
+
+    def test_library_version_and_a_missing_library(self):
+        self.assertEqual(run([CLI, "--version"]).stdout, "libtarvoafipdriver 1.0.0\n")
+        missing = run([CLI, "--library", "/nonexistent/libtarvoafipdriver.so", "--version"])
+        self.assertEqual(missing.returncode, 69)
+        self.assertIn("/nonexistent/libtarvoafipdriver.so", missing.stderr)
+
+    def test_each_option_reaches_its_setter(self):
+        settings = ["--wsaa-url", "u", "--certificate", "c.p12", "--service", "s", "--url", "v"]
+        with tempfile.TemporaryDirectory() as scratch:
+            unclosed = os.path.join(scratch, "bad.xml")
+            with open(unclosed, "w") as file:
+                file.write("<unclosed>")
+            cases = [
+                ([], "<a/>", 7, "result 7: no WSAA address: give --wsaa-url"),
+                (["--wsaa-url=u", "--password", "p"], "<a/>", 1, "result 1: the certificate is unusable"),
+                (["--wsaa-url", "u", "--certificate", "c.p12"], "<a/>", 8, "result 8: no WSAA service name"),
+                (settings[:6], "<a/>", 12, "result 12: no web-service address: give --url"),
+                (settings, "not XML", 13, "result 13: the request is not well-formed XML"),
+                (settings + ["--request", "-"], "still not XML", 13, "result 13"),
+                (settings + ["--request", unclosed], "<fine/>", 13, "result 13"),
+                (settings + ["--request", unclosed + ".missing"], "", 66, "bad.xml.missing"),
+            ]
+            for arguments, request, code, message in cases:
+                with self.subTest(arguments=arguments):
+                    result = run([CLI] + arguments, input=request)
+                    self.assertEqual(result.returncode, code, result.stderr)
+                    self.assertIn(message, result.stderr)
+
+    def test_warns_outside_argentinas_time_zone(self):
+        for zone, warning in (("UTC", "runs at UTC+00:00"), ("<+0530>-5:30", "runs at UTC+05:30"), ("<-03>3", None)):
+            result = run([CLI], env={"TZ": zone}, input="<a/>")
+            self.assertEqual(result.returncode, 7)
+            if warning:
+                self.assertIn("tarvoafip_cli: warning: this process " + warning, result.stderr)
+            else:
+                self.assertEqual(result.stderr.count("\n"), 1, result.stderr)
+
+
+class AgainstSimulator(unittest.TestCase):
+    def setUp(self):
+        self.work = self.enterContext(tempfile.TemporaryDirectory())
+        self.simulator = None
+
+    def start(self, *options):
+        self.simulator = self.enterContext(Simulator(*options))
+
+    def cli(self, *extra, request=LAST_VOUCHER):
+        s = self.simulator
+        return run([CLI, "--wsaa-url", s.wsaa(), "--certificate", fixture("signer.p12"), "--password", "pw",
+                    "--service", "wsfe", "--url", s.wsfe(), "--request", request] + list(extra), cwd=self.work)
+
+    def logins(self):
+        return len(self.simulator.requests("/ws/services/LoginCms"))
+
+    def assertLastVoucher(self, result):
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertIn("<CbteNro>", result.stdout)
+        self.assertNotIn("<Errors>", result.stdout)
+
+    def test_logs_in_once_caches_privately_and_sends_headers_in_order(self):
+        self.start()
+        log = os.path.join(self.work, "transfer.log")
+        self.assertLastVoucher(self.cli("--header", "X-First: 1", "--header", "X-Second: 2", "--log-file", log))
+        cache = os.path.join(self.work, "credentials.json")
+        self.assertEqual(stat.S_IMODE(os.stat(cache).st_mode), 0o600)
+        with open(cache) as file:
+            cached = file.read()
+        self.assertTrue(all(json.loads(cached)["wsfe"][key] for key in ("token", "sign", "expired")))
+        with open(log, newline="") as file:
+            self.assertIn("Content-Type: text/xml;charset=UTF-8\r\nX-First: 1\r\nX-Second: 2\r\n", file.read())
+
+        self.assertLastVoucher(self.cli())
+        self.assertEqual(self.logins(), 1)
+        with open(cache) as file:
+            self.assertEqual(file.read(), cached)
+
+        # Deleted while WSAA still holds the ticket: WSAA refuses another.
+        os.remove(cache)
+        refused = self.cli()
+        self.assertEqual((refused.returncode, refused.stdout), (9, ""))
+        self.assertIn("result 9: WSAA already holds a valid ticket", refused.stderr)
+
+    def test_stale_cache_logs_in_again(self):
+        self.start("--ticket-seconds", "1")
+        self.assertLastVoucher(self.cli())
+        cache = os.path.join(self.work, "credentials.json")
+        with open(cache) as file:
+            stale = json.load(file)
+        stale["wsfe"]["expired"] = time.strftime("%Y-%m-%dT%H:%M:%S", time.gmtime(time.time() - 5 * 3600))
+        with open(cache, "w") as file:
+            json.dump(stale, file)
+        time.sleep(1.5)  # past the simulator's own ticket lifetime, so that it issues another
+        self.assertLastVoucher(self.cli())
+        self.assertEqual(self.logins(), 2)
+
+    def test_service_failures_and_the_log(self):
+        self.start()
+        log = os.path.join(self.work, "transfer.log")
+        self.simulator.answer("/wsfev1/service.asmx", b"plain text", delay_ms=3000)
+        started = time.monotonic()
+        slow = self.cli("--timeout-ms", "500", "--log", "--log-file", log, request=DUMMY)
+        self.assertLess(time.monotonic() - started, 2.5)
+        self.assertEqual((slow.returncode, slow.stdout), (15, ""))
+        self.assertEqual(slow.stderr, "tarvoafip_cli: result 15: the service did not answer within the time-out; "
+                                      "nothing was kept\n")
+        with open(log) as file:
+            self.assertEqual(file.read(), "")
+
+        self.simulator.answer("/wsfev1/service.asmx", b"plain text")
+        garbled = self.cli("--log", "--log-file", log, request=DUMMY)
+        with open(log) as file:
+            logged = file.read()
+        self.assertEqual((garbled.returncode, garbled.stdout), (14, "plain text"))
+        self.assertTrue(logged.endswith("==> Response body\nplain text\n"), logged)
+        self.assertEqual(garbled.stderr, logged + "tarvoafip_cli: result 14: the service's answer is not well-formed "
+                                                  "XML, or there was none (see --log)\n")
+
+    def test_proxy_options_reach_the_library(self):
+        self.start()
+        result = self.cli("--proxy", "http://127.0.0.1:1", "--proxy-user", "u", request=DUMMY)
+        self.assertEqual(result.returncode, 17, "WSAA must be tried through the dead proxy")
+        self.assertEqual(self.logins(), 0)
+
+
+if __name__ == "__main__":
+    unittest.main()

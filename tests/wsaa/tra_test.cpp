@@ -1,0 +1,286 @@
+// The access ticket offline: the login ticket request, the loginCms envelope, fault texts, and
+// credentials.json, with a TRA whose renewal always ends in result 1 (its certificate is missing).
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <fstream>
+#include <limits>
+
+#include "driver/afip_driver_exception.h"
+#include "http/easy_http.h"
+#include "support/support.h"
+#include "wsaa/tra.h"
+
+namespace {
+
+using std::chrono::seconds;
+using Clock = std::chrono::system_clock;
+
+constexpr int64_t int32_max = std::numeric_limits<int32_t>::max();
+constexpr int64_t int32_min = std::numeric_limits<int32_t>::min();
+
+TRA offline_tra(const std::string& service = "wsfe")
+{
+    return TRA("http://127.0.0.1:1/", service, "missing.p12", "", std::make_shared<EasyHTTP>(""));
+}
+
+int32_t code_of(const std::function<void()>& action)
+{
+    try {
+        action();
+    } catch (const afip_driver_exception& error) {
+        EXPECT_STREQ(error.what(), "");
+        return error.get_error();
+    }
+    return 0;
+}
+
+int32_t age_code(const std::string& generated)
+{
+    return code_of([&] { offline_tra().check_tra_is_expired(generated); });
+}
+
+std::string local_text(int64_t when)
+{
+    return TRA::time_t_2_format_date(static_cast<std::time_t>(when));
+}
+
+std::string element(const std::string& xml, const std::string& name)
+{
+    const size_t start = xml.find("<" + name + ">") + name.size() + 2;
+    return xml.substr(start, xml.find("</" + name + ">") - start);
+}
+
+std::string fault(const std::string& text)
+{
+    return "<soapenv:Envelope><soapenv:Body><soapenv:Fault><faultcode>ns1:x</faultcode><faultstring>" + text +
+           "</faultstring></soapenv:Fault></soapenv:Body></soapenv:Envelope>";
+}
+
+// WSAA's answer: the ticket document, escaped, inside loginCmsReturn.
+std::string ticket(const std::string& token, const std::string& sign, const std::string& generated)
+{
+    return "<soapenv:Envelope><soapenv:Body><loginCmsResponse><loginCmsReturn>&lt;loginTicketResponse&gt;&lt;header&gt;"
+           "&lt;generationTime&gt;" + generated + "&lt;/generationTime&gt;&lt;/header&gt;&lt;credentials&gt;&lt;token&gt;" +
+           token + "&lt;/token&gt;&lt;sign&gt;" + sign + "&lt;/sign&gt;&lt;/credentials&gt;&lt;/loginTicketResponse&gt;"
+           "</loginCmsReturn></loginCmsResponse></soapenv:Body></soapenv:Envelope>";
+}
+
+std::string cache_entry(const std::string& service, const std::string& generated)
+{
+    return "{\"" + service + "\": {\"expired\": \"" + generated + "\", \"sign\": \"S\", \"token\": \"T\"}}";
+}
+
+class CredentialsCache : public ::testing::Test {
+protected:
+    CredentialsCache() { use_time_zone("<-03>3"); }
+    std::string minutes_ago(int minutes) const { return local_text(std::time(nullptr) - minutes * 60); }
+    Workspace workspace;
+};
+
+} // namespace
+
+TEST(LoginTicketRequest, ExactTextLocalTimesWithoutOffset)
+{
+    // 2026-11-16T01:56:42.999Z: generated an hour back, expiring twelve hours ahead, seconds truncated.
+    const Clock::time_point now = Clock::time_point(seconds(1794794202)) + std::chrono::milliseconds(999);
+    use_time_zone("<-03>3");
+    EXPECT_EQ(offline_tra("ws_example").create_tra_xml(now),
+              "<?xml version=\"1.0\" encoding=\"utf-8\"?><loginTicketRequest version=\"1.0\"><header><uniqueId>"
+              "2261374686</uniqueId><generationTime>2026-11-15T21:56:42</generationTime><expirationTime>"
+              "2026-11-16T10:56:42</expirationTime></header><service>ws_example</service></loginTicketRequest>");
+    EXPECT_EQ(element(offline_tra("a&b<c>").create_tra_xml(now), "service"), "a&amp;b&lt;c&gt;");
+    EXPECT_EQ(offline_tra("").create_tra_xml(now).find("service"), std::string::npos);
+
+    const struct {
+        const char* zone;
+        int64_t now_seconds;
+        int64_t extra_ms;
+        const char* generation;
+        const char* expiration;
+    } cases[] = {
+        {"UTC0", 1794794202, 999, "2026-11-16T00:56:42", "2026-11-16T13:56:42"},
+        // Both ends of a 32-bit time_t: nanoseconds overflow 32 bits, the offsets must not.
+        {"UTC0", int32_max - 43200, 999, "2038-01-18T14:14:07", "2038-01-19T03:14:07"},
+        {"UTC0", int32_min + 3600, 0, "1901-12-13T20:45:52", "1901-12-14T09:45:52"},
+        // -1.5 s: both sums drop their half second toward zero.
+        {"UTC0", -1, -500, "1969-12-31T22:59:59", "1970-01-01T11:59:58"},
+    };
+    for (const auto& test : cases) {
+        use_time_zone(test.zone);
+        const std::string text = offline_tra().create_tra_xml(
+            Clock::time_point(std::chrono::duration_cast<Clock::duration>(seconds(test.now_seconds) +
+                                                                          std::chrono::milliseconds(test.extra_ms))));
+        EXPECT_EQ(element(text, "generationTime"), test.generation) << test.now_seconds;
+        EXPECT_EQ(element(text, "expirationTime"), test.expiration) << test.now_seconds;
+    }
+
+    // The clock-reading form reads the current time once.
+    const std::time_t before = std::time(nullptr);
+    const std::string current = offline_tra().create_tra_xml();
+    bool matched = false;
+    for (std::time_t second = before; second <= std::time(nullptr); ++second)
+        matched = matched || element(current, "generationTime") == local_text(second - 3600);
+    EXPECT_TRUE(matched) << current;
+}
+
+TEST(LoginEnvelope, LineFeedsGoCarriageReturnsStayEmptyTextLeavesOutIn0)
+{
+    const std::string start = "<soapenv:Envelope xmlns:soapenv=\"http://schemas.xmlsoap.org/soap/envelope/\" "
+                              "xmlns:wsaa=\"http://wsaa.view.sua.dvadac.desein.afip.gov\"><soapenv:Header/><soapenv:Body>";
+    EXPECT_EQ(offline_tra().create_login_cms_soap("\nMIAG\r\nCSqG\n"),
+              start + "<wsaa:loginCms><wsaa:in0>MIAG\rCSqG</wsaa:in0></wsaa:loginCms></soapenv:Body></soapenv:Envelope>");
+    EXPECT_EQ(offline_tra().create_login_cms_soap("\n\n"), start + "<wsaa:loginCms/></soapenv:Body></soapenv:Envelope>");
+
+    pugi::xml_document document;
+    pugi::xml_node root = document.append_child("root");
+    TRA::set_node_value(root, "empty", "");
+    TRA::set_node_value(root, "full", "x<y");
+    EXPECT_FALSE(root.child("empty"));
+    EXPECT_EQ(root.child("full").first_child().type(), pugi::node_pcdata);
+    EXPECT_STREQ(root.child("full").first_child().value(), "x<y");
+}
+
+TEST(FaultClassification, CaseInsensitiveSubstringsInTheirOrder)
+{
+    const struct {
+        std::string answer;
+        int32_t code;
+    } cases[] = {
+        {fault("El CEE ya posee un TA valido para el acceso al WSN solicitado"), 9},
+        {fault("computador NO AUTORIZADO a acceder al servicio"), 2},
+        {fault("cms.cert.expired: CERTIFICADO EXPIRADO el 2026-01-01"), 3},
+        {fault("certificado expirado"), 3},
+        {fault("Computador no autorizado a acceder al servicio; El CEE ya posee un TA valido para el acceso al WSN "
+               "solicitado"), 9},
+        {fault("Certificado expirado y Computador no autorizado a acceder al servicio"), 2},
+        {fault("Certificado&#32;expirado"), 3},
+        {fault("generationTime posee formato incorrecto"), 0},
+        {fault(""), 0},
+        {"", 0},
+        {"Certificado expirado", 0},
+        {"<soapenv:Envelope><soapenv:Body><soapenv:Fault><x:faultstring>Certificado expirado</x:faultstring>"
+         "</soapenv:Fault></soapenv:Body></soapenv:Envelope>", 0},
+    };
+    for (const auto& test : cases)
+        EXPECT_EQ(code_of([&] { offline_tra().get_tra_error(test.answer); }), test.code) << test.answer;
+}
+
+TEST_F(CredentialsCache, YoungEntriesAreReusedAnythingElseRenews)
+{
+    write_file("credentials.json", "{\"wsfe\": {\"expired\": \"" + minutes_ago(59) +
+                                       "\", \"sign\": \"S-cached\", \"token\": \"T-cached\"}}");
+    TRA cached = offline_tra();
+    EXPECT_EQ(cached.get_credentials(), std::make_pair(std::string("T-cached"), std::string("S-cached")));
+
+    const std::string cases[] = {
+        cache_entry("wsfe", minutes_ago(61)),
+        "{\"wsfe\": {\"expired\": \"" + minutes_ago(1) + "\", \"token\": \"T\"}}",
+        "{\"wsfe\": {\"expired\": \"" + minutes_ago(1) + "\", \"sign\": \"S\"}}",
+        "{\"wsfe\": {\"sign\": \"S\", \"token\": \"T\"}}",
+        "{\"wsfe\": {\"expired\": \"" + minutes_ago(1) + "\", \"sign\": 7, \"token\": \"T\"}}",
+        cache_entry("wsfex", minutes_ago(1)),
+        cache_entry("wsfe", "not a time"),
+        "{\"wsfe\": ",
+        "[1, 2]",
+        "",
+    };
+    for (const std::string& content : cases) {
+        write_file("credentials.json", content);
+        EXPECT_EQ(code_of([] { offline_tra().get_credentials(); }), 1) << content;
+    }
+    std::remove("credentials.json");
+    EXPECT_EQ(code_of([] { offline_tra().get_credentials(); }), 1);
+}
+
+TEST_F(CredentialsCache, AgeIsReadAsLocalWallClockDigits)
+{
+    const std::time_t now = std::time(nullptr);
+    const struct {
+        std::string generated;
+        int32_t code;
+    } cases[] = {
+        {local_text(now - 3599), 0},
+        {local_text(now - 3605), 11},
+        {local_text(now - 1800) + ".999+05:00", 0}, // fraction and offset are ignored
+        {local_text(now - 7200) + ".000-03:00", 11},
+        {local_text(now + 86400), 0},
+        // Unparsable, or a time mktime cannot tell from its failure value, counts as very old.
+        {"", 11},
+        {"garbage", 11},
+        {"T10:00:00", 11},
+        {"0000-00-00T00:00:00", 11},
+        {"1899-12-31T00:00:00", 11},
+        {"1901-12-13T17:45:51", 11},
+        {"1969-12-31T20:59:59", 11},
+        // The last second a 32-bit time_t holds is a future time, not a failure.
+        {"2038-01-19T00:14:07", 0},
+    };
+    for (const auto& test : cases)
+        EXPECT_EQ(age_code(test.generated), test.code) << test.generated;
+
+    // The same digits read three hours further west lie in the future; three hours east, too old.
+    const std::string thirty_minutes_ago = local_text(now - 1800);
+    use_time_zone("<-06>6");
+    EXPECT_EQ(age_code(thirty_minutes_ago), 0);
+    use_time_zone("UTC0");
+    EXPECT_EQ(age_code(thirty_minutes_ago), 11);
+    EXPECT_EQ(local_text(int32_max), "2038-01-19T03:14:07");
+    EXPECT_EQ(local_text(int32_min), "1901-12-13T20:45:52");
+}
+
+TEST_F(CredentialsCache, WriteReplacesOneEntryKeepsTheRestAndTheMode)
+{
+    TRA first = offline_tra();
+    first.get_token_and_sign(ticket("T1", "S1", "2026-11-21T10:15:30.123-03:00"));
+    EXPECT_EQ(read_file("credentials.json"), "{\n"
+                                             "    \"wsfe\": {\n"
+                                             "        \"expired\": \"2026-11-21T10:15:30.123-03:00\",\n"
+                                             "        \"sign\": \"S1\",\n"
+                                             "        \"token\": \"T1\"\n"
+                                             "    }\n"
+                                             "}\n");
+    struct stat status {};
+    ASSERT_EQ(stat("credentials.json", &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+
+    const std::string before = "{\"wsfex\": {\"expired\": \"x\", \"sign\": \"SB\", \"token\": \"TB\", \"extra\": [1, 2.5]},"
+                               " \"wsfe\": {\"expired\": \"old\", \"sign\": \"old\", \"token\": \"old\", \"note\": 1},"
+                               " \"aaa\": \"top-level member\"}";
+    write_file("credentials.json", before);
+    chmod("credentials.json", 0640);
+    offline_tra().get_token_and_sign(ticket("T\xC3\xA9", "S2", "G2"));
+    nlohmann::json expected = nlohmann::json::parse(before);
+    expected["wsfe"] = {{"expired", "G2"}, {"sign", "S2"}, {"token", "T\xC3\xA9"}};
+    EXPECT_EQ(read_file("credentials.json"), expected.dump(4) + "\n") << "non-ASCII unescaped, keys sorted";
+    ASSERT_EQ(stat("credentials.json", &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0640u) << "an existing file keeps its mode";
+
+    write_file("credentials.json", "{ broken");
+    offline_tra().get_token_and_sign(ticket("T", "S", "G"));
+    EXPECT_EQ(nlohmann::json::parse(read_file("credentials.json")),
+              (nlohmann::json{{"wsfe", {{"expired", "G"}, {"sign", "S"}, {"token", "T"}}}}));
+
+    write_file("credentials.json", "[1, 2, 3]");
+    EXPECT_THROW(offline_tra().get_token_and_sign(ticket("T", "S", "G")), nlohmann::json::type_error);
+    EXPECT_EQ(read_file("credentials.json"), "[1, 2, 3]");
+}
+
+TEST_F(CredentialsCache, IncompleteTicketsWriteNothing)
+{
+    TRA tra = offline_tra();
+    tra.get_token_and_sign(ticket("T", "S", ""));
+    EXPECT_FALSE(std::ifstream("credentials.json").good());
+    // Token and sign were taken all the same: the next call returns them without looking further.
+    EXPECT_EQ(tra.get_credentials(), std::make_pair(std::string("T"), std::string("S")));
+
+    for (const std::string& answer :
+         {fault("Certificado expirado"), std::string("not xml"), std::string(""), ticket("", "S", "G"),
+          ticket("T", "", "G"),
+          std::string("<soapenv:Envelope><soapenv:Body><ns:loginCmsResponse><ns:loginCmsReturn>x</ns:loginCmsReturn>"
+                      "</ns:loginCmsResponse></soapenv:Body></soapenv:Envelope>")}) {
+        offline_tra().get_token_and_sign(answer);
+        EXPECT_FALSE(std::ifstream("credentials.json").good()) << answer;
+    }
+}
