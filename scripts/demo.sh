@@ -32,18 +32,21 @@ port=$(cat "$work/port")
 echo "simulator listening on https://127.0.0.1:$port"
 
 cd "$work"
-send() {
+export TARVO_PASSWORD=demo
+send() { # OPERATION SAMPLE
   "$cli" --wsaa-url "https://127.0.0.1:$port/ws/services/LoginCms" \
-         --certificate "$work/demo.p12" --password demo --service wsfe \
+         --certificate "$work/demo.p12" --service wsfe \
          --url "https://127.0.0.1:$port/wsfev1/service.asmx" \
-         --header 'SOAPAction: "http://ar.gov.afip.dif.FEV1/FECompUltimoAutorizado"' \
-         --request "$root/tools/cli/samples/fe_comp_ultimo_autorizado.xml"
+         --operation "$1" --request "$root/tools/cli/samples/$2"
 }
 echo "== first request: logs in to WSAA, caches the ticket, asks for the last authorised voucher"
-send
+send FECompUltimoAutorizado fe_comp_ultimo_autorizado.xml
 echo
 echo "== second request: reuses the cached ticket"
-send
+send FECompUltimoAutorizado fe_comp_ultimo_autorizado.xml
+echo
+echo "== a Factura B, number 1, with IVA 21 %: authorised with a CAE"
+send FECAESolicitar fe_cae_solicitar.xml
 echo
 echo "== credentials.json"
 cat credentials.json

@@ -1,14 +1,17 @@
 #include "wsaa/tra.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <fstream>
 #include <iomanip>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <thread>
 
 #include "crypto/cms.h"
 #include "driver/afip_driver_exception.h"
@@ -23,6 +26,9 @@ const char wsaa_ns[] = "http://wsaa.view.sua.dvadac.desein.afip.gov";
 
 // A ticket is trusted for one hour after its generation, though WSAA grants twelve.
 constexpr double ticket_max_age_hours = 1.0;
+
+// How long a process waits for another's login when it has no time-out of its own.
+constexpr std::chrono::seconds default_lock_wait{60};
 
 struct FaultRule {
     const char* text;
@@ -83,6 +89,39 @@ void write_file_private(const std::string& text)
     ::close(fd);
 }
 
+// An advisory lock on the working directory itself, so that no lock file appears beside the
+// cache. Processes sharing the directory serialise on it; a process that dies lets go of it.
+// Taken within the wait limit or not at all: a host is never held longer, and where the file
+// system refuses locks the caller goes on as without one.
+class DirectoryLock {
+public:
+    DirectoryLock(int operation, std::chrono::milliseconds wait_limit)
+        : m_fd(::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+    {
+        const auto deadline = std::chrono::steady_clock::now() + wait_limit;
+        std::chrono::milliseconds pause{1};
+        while (m_fd >= 0 && ::flock(m_fd, operation | LOCK_NB) != 0) {
+            if ((errno != EWOULDBLOCK && errno != EINTR) || std::chrono::steady_clock::now() >= deadline) {
+                ::close(m_fd);
+                m_fd = -1;
+                break;
+            }
+            std::this_thread::sleep_for(pause);
+            pause = std::min(pause * 2, std::chrono::milliseconds(50));
+        }
+    }
+    ~DirectoryLock()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd); // closing the only descriptor releases the lock
+    }
+    DirectoryLock(const DirectoryLock&) = delete;
+    DirectoryLock& operator=(const DirectoryLock&) = delete;
+
+private:
+    int m_fd;
+};
+
 } // namespace
 
 TRA::TRA(std::string url, std::string service, std::string certificate_path, std::string certificate_pass,
@@ -99,6 +138,17 @@ std::pair<std::string, std::string> TRA::get_credentials()
 {
     if (!m_ticket_token.empty() && !m_ticket_sign.empty())
         return {m_ticket_token, m_ticket_sign};
+    // A login can last as long as the time-out; without one, a fixed bound.
+    const uint32_t time_out = m_http->get_timeout();
+    const std::chrono::milliseconds wait_limit = time_out != 0 ? std::chrono::milliseconds(time_out) : default_lock_wait;
+    {
+        // Readers share the directory; a writer holds it alone, so no reader sees a half-written file.
+        const DirectoryLock reading(LOCK_SH, wait_limit);
+        if (read_cached_ticket())
+            return {m_ticket_token, m_ticket_sign};
+    }
+    // One login at a time per directory: whoever waited here may find the ticket another just wrote.
+    const DirectoryLock renewing(LOCK_EX, wait_limit);
     if (!read_cached_ticket())
         request_ticket();
     return {m_ticket_token, m_ticket_sign};
@@ -146,13 +196,18 @@ void TRA::request_ticket()
 
 void TRA::check_tra_is_expired(std::string generation_time)
 {
+    check_tra_is_expired(std::move(generation_time), std::time(nullptr));
+}
+
+void TRA::check_tra_is_expired(std::string generation_time, std::time_t now)
+{
     std::tm parsed{};
     std::istringstream text(generation_time);
     // Anything behind the seconds (fraction, offset) is ignored: the digits are local time.
     text >> std::get_time(&parsed, "%Y-%m-%dT%H:%M:%S");
     // An unparsable text keeps zero fields, long before now (mktime may even give -1).
     const std::time_t generated = std::mktime(&parsed);
-    const double hours = std::difftime(std::time(nullptr), generated) / 3600.0;
+    const double hours = std::difftime(now, generated) / 3600.0;
     if (hours > ticket_max_age_hours)
         throw afip_driver_exception("", AFIP_TICKET_TOO_OLD);
 }

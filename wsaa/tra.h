@@ -23,6 +23,8 @@ public:
 
     // Throws afip_driver_exception(11) when more than an hour has passed since the time text.
     void check_tra_is_expired(std::string generation_time);
+    // The same judged at a given time.
+    void check_tra_is_expired(std::string generation_time, std::time_t now);
 
     std::string create_tra_xml() const;
     // The same document for a given clock reading.

@@ -1,10 +1,9 @@
 // EasyHTTP against the simulator's scripted answers: statuses, failures, time-outs, headers,
-// bodies, the transfer trace, TLS levels and a real proxy.
+// bodies, the transfer trace and TLS levels. The proxy is proved through the library.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
-#include <fstream>
 
 #include "http/easy_http.h"
 #include "support/support.h"
@@ -215,48 +214,4 @@ TEST_F(EasyHttpOverLegacyTls, TlsLevels)
                 << "no TLS records in the trace";
         }
     }
-}
-
-TEST_F(EasyHttp, ProxyWithSeparateUserAndPassword)
-{
-    const Workspace workspace;
-    const int port = free_loopback_port();
-    std::ofstream("tinyproxy.conf") << "Listen 127.0.0.1\nPort " << port
-                                    << "\nTimeout 30\nAllow 127.0.0.1\nBasicAuth tarvo s3cret\n";
-    ChildProcess proxy({"timeout", "120", "tinyproxy", "-d", "-c", workspace.path() + "/tinyproxy.conf"});
-    ASSERT_TRUE(wait_for_listener(port, proxy)) << "tinyproxy (Debian's package) did not start: " << proxy.errors();
-    const std::string proxy_url = "http://127.0.0.1:" + std::to_string(port);
-
-    http.set_proxy(proxy_url, "tarvo", "s3cret");
-    ASSERT_EQ(post("/via", "behind the proxy", "", "payload"), 200) << http.get_log();
-    EXPECT_EQ(http.get_response(), "behind the proxy");
-    EXPECT_TRUE(contains(header_values(simulator.requests("/via").at(0), "Via").at(0), "tinyproxy"));
-    EXPECT_TRUE(contains(http.get_log(), "POST " + simulator.url("/via") + " HTTP/1.1\r\n"));
-    EXPECT_TRUE(contains(http.get_log(), "Proxy-Authorization: Basic dGFydm86czNjcmV0\r\n"));
-
-    // Rejections come from the proxy (tinyproxy 1.11 answers unknown credentials with 401);
-    // empty bodies, since it resets a rejected connection without reading one.
-    const struct {
-        const char* user;
-        const char* password;
-        const char* sent;
-    } rejected[] = {{"", "", "Proxy-Authenticate: Basic"},
-                    {"tarvo", "wrong", "Server: tinyproxy"},
-                    {"tarvo", "", "Proxy-Authorization: Basic dGFydm86\r\n"}};
-    for (const auto& test : rejected) {
-        EasyHTTP refused("");
-        refused.set_proxy(proxy_url, test.user, test.password);
-        const int32_t status = refused.send_post_request(simulator.url("/never"), "");
-        EXPECT_TRUE(status == 407 || status == 401) << test.user << ":" << test.password << " " << status;
-        EXPECT_TRUE(contains(refused.get_log(), test.sent)) << refused.get_log();
-    }
-    EXPECT_TRUE(simulator.requests("/never").empty());
-
-    // An empty address means a direct connection, whatever the user and password.
-    EasyHTTP direct("");
-    direct.set_proxy("", "tarvo", "s3cret");
-    simulator.answer("/direct", "");
-    ASSERT_EQ(direct.send_post_request(simulator.url("/direct"), "x"), 200);
-    EXPECT_TRUE(header_values(simulator.requests("/direct").at(0), "Via").empty());
-    EXPECT_FALSE(contains(direct.get_log(), "Proxy-Authorization"));
 }

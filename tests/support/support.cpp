@@ -4,22 +4,18 @@
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
 #include <strings.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <climits>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <stdexcept>
 #include <thread>
 
 extern char** environ;
@@ -40,6 +36,22 @@ size_t collect(char* data, size_t size, size_t count, void* body)
 {
     static_cast<std::string*>(body)->append(data, size * count);
     return size * count;
+}
+
+// Connects to (probe) or binds (pick) a loopback port; for binding, port 0 picks a free one.
+int loopback_socket(int port, bool probe)
+{
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    socklen_t length = sizeof address;
+    const auto* generic = reinterpret_cast<sockaddr*>(&address);
+    const bool done = probe ? connect(fd, generic, length) == 0
+                            : bind(fd, generic, length) == 0 && getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+    close(fd);
+    return done ? ntohs(address.sin_port) : -1;
 }
 
 } // namespace
@@ -85,9 +97,26 @@ void write_file(const std::string& path, const std::string& bytes)
     std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
-HttpAnswer http_post(const std::string& url, const std::string& body)
+std::string wsaa_ticket(const std::string& token, const std::string& sign, const std::string& generated)
 {
-    HttpAnswer answer;
+    return "<soapenv:Envelope xmlns:soapenv=\"http://schemas.xmlsoap.org/soap/envelope/\"><soapenv:Body>"
+           "<loginCmsResponse><loginCmsReturn>&lt;loginTicketResponse&gt;&lt;header&gt;&lt;generationTime&gt;" +
+           generated + "&lt;/generationTime&gt;&lt;/header&gt;&lt;credentials&gt;&lt;token&gt;" + token +
+           "&lt;/token&gt;&lt;sign&gt;" + sign + "&lt;/sign&gt;&lt;/credentials&gt;&lt;/loginTicketResponse&gt;"
+           "</loginCmsReturn></loginCmsResponse></soapenv:Body></soapenv:Envelope>";
+}
+
+std::string soap_fault(const std::string& text)
+{
+    return "<soapenv:Envelope xmlns:soapenv=\"http://schemas.xmlsoap.org/soap/envelope/\"><soapenv:Body>"
+           "<soapenv:Fault><faultcode>ns1:x</faultcode><faultstring>" +
+           text + "</faultstring></soapenv:Fault></soapenv:Body></soapenv:Envelope>";
+}
+
+long http_post(const std::string& url, const std::string& body, std::string* answer)
+{
+    std::string ignored;
+    long status = 0;
     CURL* curl = curl_easy_init();
     // Not libcurl's default form type, which the simulator's server library limits to 8 KiB.
     curl_slist* content_type = curl_slist_append(nullptr, "Content-Type: application/octet-stream");
@@ -101,45 +130,58 @@ HttpAnswer http_post(const std::string& url, const std::string& body)
     curl_easy_setopt(curl, CURLOPT_NOPROXY, "*");
     curl_easy_setopt(curl, CURLOPT_TIMEOUT, 30L);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer.body);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, answer != nullptr ? answer : &ignored);
     if (curl_easy_perform(curl) == CURLE_OK)
-        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &answer.status);
+        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
     curl_easy_cleanup(curl);
     curl_slist_free_all(content_type);
-    return answer;
+    return status;
 }
 
-ChildProcess::ChildProcess(std::vector<std::string> arguments) : m_directory(make_temporary_directory())
+ServerProcess::ServerProcess(std::vector<std::string> arguments)
+    : m_directory(make_temporary_directory()), m_port(loopback_socket(0, false))
 {
     std::vector<char*> argv;
-    for (std::string& argument : arguments)
+    for (std::string& argument : arguments) {
+        if (const size_t at = argument.find("{port}"); at != std::string::npos)
+            argument.replace(at, 6, std::to_string(m_port));
         argv.push_back(argument.data());
+    }
     argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addchdir_np(&actions, m_directory.c_str());
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, file("out").c_str(), O_WRONLY | O_CREAT, 0600);
-    posix_spawn_file_actions_addopen(&actions, 2, file("err").c_str(), O_WRONLY | O_CREAT, 0600);
+    posix_spawn_file_actions_addopen(&actions, 1, "out", O_WRONLY | O_CREAT, 0600);
+    posix_spawn_file_actions_addopen(&actions, 2, "err", O_WRONLY | O_CREAT, 0600);
     const int failed = posix_spawnp(&m_pid, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    if (failed != 0)
-        throw std::runtime_error("cannot start " + arguments[0]);
+    for (auto deadline = std::chrono::steady_clock::now() + 20s; !failed && running() && loopback_socket(m_port, true) < 0;) {
+        if (std::chrono::steady_clock::now() > deadline)
+            stop();
+        std::this_thread::sleep_for(10ms);
+    }
+    if (failed || !running()) {
+        const std::string why = arguments[0] + " did not start: " + errors();
+        std::filesystem::remove_all(m_directory);
+        throw std::runtime_error(why);
+    }
 }
 
-ChildProcess::~ChildProcess()
+ServerProcess::~ServerProcess()
 {
     stop();
     std::filesystem::remove_all(m_directory);
 }
 
-bool ChildProcess::running()
+bool ServerProcess::running()
 {
     if (m_pid > 0 && waitpid(m_pid, &m_status, WNOHANG) == m_pid)
         m_pid = -1;
     return m_pid > 0;
 }
 
-int ChildProcess::stop()
+int ServerProcess::stop()
 {
     if (running())
         kill(m_pid, SIGTERM);
@@ -151,76 +193,51 @@ int ChildProcess::stop()
     return m_status;
 }
 
-int free_loopback_port()
+Tinyproxy::Tinyproxy()
+    : ServerProcess({"timeout", "120", "sh", "-c",
+                     "printf 'Listen 127.0.0.1\\nPort {port}\\nTimeout 30\\nAllow 127.0.0.1\\nBasicAuth tarvo s3cret\\n'"
+                     " >tinyproxy.conf && exec tinyproxy -d -c tinyproxy.conf"})
 {
-    const int listener = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-    close(listener);
-    return ntohs(address.sin_port);
 }
 
-bool wait_for_listener(int port, ChildProcess& process)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    for (auto deadline = std::chrono::steady_clock::now() + 20s; std::chrono::steady_clock::now() < deadline;) {
-        const int probe = socket(AF_INET, SOCK_STREAM, 0);
-        const bool connected = connect(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-        close(probe);
-        if (connected)
-            return true;
-        if (!process.running())
-            return false;
-        std::this_thread::sleep_for(10ms);
-    }
-    return false;
-}
-
+// libcurl falls back to the proxy variables when a handle has no proxy of its own: cleared first.
 Simulator::Simulator(std::vector<std::string> options)
-    : m_port(free_loopback_port()),
+    : ServerProcess([&] {
+          for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})
+              unsetenv(name);
+          std::vector<std::string> arguments{TARVO_SIMULATOR_PATH, "--port", "{port}", "--max-seconds", "120"};
+          arguments.insert(arguments.end(), options.begin(), options.end());
+          return arguments;
+      }()),
       m_scheme(std::find(options.begin(), options.end(), "--tls") != options.end() ? "https" : "http")
 {
-    // libcurl falls back to the proxy variables when a handle has no proxy of its own.
-    for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})
-        unsetenv(name);
-    std::vector<std::string> arguments{TARVO_SIMULATOR_PATH, "--port", std::to_string(m_port), "--max-seconds", "120"};
-    arguments.insert(arguments.end(), options.begin(), options.end());
-    m_process = std::make_unique<ChildProcess>(arguments);
-    if (!wait_for_listener(m_port, *m_process))
-        throw std::runtime_error("the simulator did not start: " + m_process->errors());
 }
 
 Simulator::~Simulator()
 {
     // A crash or a sanitizer report in the simulator fails the test that ran it.
-    const int status = m_process->stop();
+    const int status = stop();
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "simulator status " << status;
-    EXPECT_EQ(m_process->errors(), "");
+    EXPECT_EQ(errors(), "");
 }
 
 std::string Simulator::url(const std::string& path) const
 {
-    return m_scheme + "://127.0.0.1:" + std::to_string(m_port) + path;
+    return m_scheme + "://127.0.0.1:" + std::to_string(port()) + path;
 }
 
 void Simulator::answer(const std::string& path, const std::string& body, const std::string& parameters)
 {
-    const HttpAnswer queued =
-        http_post(url("/simulator/answers?path=" + path + (parameters.empty() ? "" : "&" + parameters)), body);
-    if (queued.status != 200)
-        throw std::runtime_error("the simulator refused the answer: " + queued.body);
+    std::string refusal;
+    if (http_post(url("/simulator/answers?path=" + path + (parameters.empty() ? "" : "&" + parameters)), body, &refusal) != 200)
+        throw std::runtime_error("the simulator refused the answer: " + refusal);
 }
 
 nlohmann::json Simulator::requests(const std::string& path) const
 {
-    return nlohmann::json::parse(http_post(url("/simulator/requests?path=" + path), "").body);
+    std::string list;
+    http_post(url("/simulator/requests?path=" + path), "", &list);
+    return nlohmann::json::parse(list);
 }
 
 std::vector<std::string> header_values(const nlohmann::json& request, const std::string& name)

@@ -1,12 +1,11 @@
 // What the C++ tests share: a scratch working directory, the certificates made for the run, a
-// plain HTTP client, and the simulator as a child process with its scripted answers.
+// plain HTTP client, WSAA's answers, and servers (the simulator, a proxy) as child processes.
 #ifndef TARVO_TESTS_SUPPORT_SUPPORT_H
 #define TARVO_TESTS_SUPPORT_SUPPORT_H
 
 #include <sys/types.h>
 
 #include <nlohmann/json.hpp>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -26,65 +25,61 @@ private:
 
 // A certificate file made for this run by make-fixtures.sh; all but nopass.p12 use password "pw".
 std::string fixture(const std::string& name);
-
 void use_time_zone(const char* zone);
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& bytes);
 
-struct HttpAnswer {
-    long status = 0;
-    std::string body;
-};
+// WSAA's answers as the library reads them: a ticket (its document escaped inside loginCmsReturn)
+// generated at `generated`, and a fault with the given text.
+std::string wsaa_ticket(const std::string& token, const std::string& sign, const std::string& generated);
+std::string soap_fault(const std::string& text);
 
 // A POST with bare libcurl, body sent whole (NUL bytes too); status 0 when nothing came back.
-HttpAnswer http_post(const std::string& url, const std::string& body);
+long http_post(const std::string& url, const std::string& body, std::string* answer = nullptr);
 
-// A program started with its output in files, ended by SIGTERM (SIGKILL after 10 s) with its owner.
-class ChildProcess {
+// A server program in a scratch directory of its own, "{port}" in its arguments replaced by a free
+// loopback port; ready once it listens there (20 s at most, or the constructor throws), ended by
+// SIGTERM (SIGKILL after 10 s) with its owner.
+class ServerProcess {
 public:
-    explicit ChildProcess(std::vector<std::string> arguments);
-    ~ChildProcess();
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
-
-    bool running();
+    explicit ServerProcess(std::vector<std::string> arguments);
+    ~ServerProcess();
+    ServerProcess(const ServerProcess&) = delete;
+    ServerProcess& operator=(const ServerProcess&) = delete;
+    int port() const { return m_port; }
     // Stops the program (once) and returns its wait status.
     int stop();
-    std::string output() const { return read_file(m_directory + "/out"); }
     std::string errors() const { return read_file(m_directory + "/err"); }
-    std::string file(const std::string& name) const { return m_directory + "/" + name; }
 
 private:
+    bool running();
+
     std::string m_directory;
+    int m_port;
     pid_t m_pid = -1;
     int m_status = 0;
 };
 
-// A loopback port nobody listened on a moment ago.
-int free_loopback_port();
-// Waits up to 20 s for a listener on the loopback port.
-bool wait_for_listener(int port, ChildProcess& process);
+// Debian's tinyproxy, taking the basic credentials tarvo:s3cret.
+class Tinyproxy : public ServerProcess {
+public:
+    Tinyproxy();
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port()); }
+};
 
-// The simulator on a free loopback port, stopped (and checked for a clean exit) with its owner.
-class Simulator {
+// The simulator; it must end cleanly, without a word on standard error, when the test lets it go.
+class Simulator : public ServerProcess {
 public:
     explicit Simulator(std::vector<std::string> options = {});
     ~Simulator();
-    Simulator(const Simulator&) = delete;
-    Simulator& operator=(const Simulator&) = delete;
-
-    int port() const { return m_port; }
     std::string url(const std::string& path) const;
     // Queues the next answer for `path`; `parameters` are further query parameters, e.g. "status=500".
     void answer(const std::string& path, const std::string& body, const std::string& parameters = "");
     // What the simulator received on `path`, oldest first: {method, path, headers, body} each.
     nlohmann::json requests(const std::string& path) const;
-    std::string log() const { return m_process->output(); }
 
 private:
-    int m_port;
     std::string m_scheme;
-    std::unique_ptr<ChildProcess> m_process;
 };
 
 // A header's values in a recorded request, in arrival order (names compared without case).

@@ -2,6 +2,7 @@
 import json
 import os
 import stat
+import subprocess
 import tempfile
 import time
 import unittest
@@ -14,11 +15,42 @@ DUMMY = os.path.join(SAMPLES, "fe_dummy.xml")
 
 class Alone(unittest.TestCase):
     def test_bad_usage_gives_64(self):
-        for arguments in (["--no-such-option"], ["--url"], ["--tls-level", "three"], ["--timeout-ms", "-1"],
-                          ["--timeout-ms", "4294967296"], ["--log=yes"], ["--timeout-ms", " 5"]):
+        for arguments, message in ((["--no-such-option"], "unknown option"), (["--url"], "needs a value"),
+                                   (["--tls-level", "three"], "whole number"), (["--tls-level", "5"], "1..4"),
+                                   (["--tls-level", "0"], "1..4"), (["--timeout-ms", "-1"], "range"),
+                                   (["--timeout-ms", "4294967296"], "range"), (["--log=yes"], "takes no value"),
+                                   (["--env", "staging"], "homologation or production"),
+                                   (["--operation", "FEDummmy"], "WSFEv1 operation")):
             result = run([CLI] + arguments)
             self.assertEqual((result.returncode, result.stdout), (64, ""), arguments)
             self.assertIn("tarvoafip_cli: ", result.stderr)
+            self.assertIn(message, result.stderr)
+
+    def test_never_waits_silently_on_a_terminal(self):
+        controller, terminal = os.openpty()
+        try:
+            result = subprocess.run([CLI, "--wsaa-url", "u"], stdin=terminal, capture_output=True, text=True, timeout=10)
+        finally:
+            os.close(controller)
+            os.close(terminal)
+        self.assertEqual(result.returncode, 64)
+        self.assertIn("no request: give --request FILE", result.stderr)
+
+    def test_warns_of_requests_the_ticket_cannot_go_into(self):
+        requests = {'<s:Envelope xmlns:s="s" xmlns:ns0="x"><s:Body><ns0:Op><ns0:Auth><ns0:Token/><ns0:Sign/>'
+                    '</ns0:Auth></ns0:Op></s:Body></s:Envelope>': "this request has ns0:Token, ns0:Sign instead",
+                    '<Op xmlns="x"><Auth><Token/><Sign/><Cuit>1</Cuit></Auth></Op>': "this request has Token, Sign",
+                    '<Op><Auth><Cuit>1</Cuit></Auth></Op>': "this request has none",
+                    '<Op xmlns:ar="x"><ar:Auth><ar:Token/><ar:Sign/></ar:Auth></Op>': None,
+                    '<FEDummy/>': None}
+        for request, warning in requests.items():
+            result = run([CLI, "--certificate", "c"], input=request)
+            self.assertEqual(result.returncode, 7)
+            if warning:
+                self.assertIn("the library writes the ticket only into elements named exactly ar:Token or token and "
+                              "ar:Sign or sign; " + warning, result.stderr)
+            else:
+                self.assertNotIn("warning", result.stderr, request)
 
     def test_library_version_and_a_missing_library(self):
         self.assertEqual(run([CLI, "--version"]).stdout, "libtarvoafipdriver 1.0.0\n")
@@ -41,6 +73,10 @@ class Alone(unittest.TestCase):
                 (settings + ["--request", "-"], "still not XML", 13, "result 13"),
                 (settings + ["--request", unclosed], "<fine/>", 13, "result 13"),
                 (settings + ["--request", unclosed + ".missing"], "", 66, "bad.xml.missing"),
+                # --env fills both addresses, and what is given explicitly wins, even empty.
+                (["--env", "homologation", "--certificate", "c", "--service", "s"], "not XML", 13, "result 13"),
+                (["--env", "production", "--wsaa-url", "", "--certificate", "c"], "<a/>", 7, "result 7"),
+                (["--password-file", unclosed + ".missing"] + settings, "<a/>", 66, "cannot read the password"),
             ]
             for arguments, request, code, message in cases:
                 with self.subTest(arguments=arguments):
@@ -82,9 +118,12 @@ class AgainstSimulator(unittest.TestCase):
     def test_logs_in_once_caches_privately_and_sends_headers_in_order(self):
         self.start()
         log = os.path.join(self.work, "transfer.log")
+        with open(log, "w"):
+            os.chmod(log, 0o644)
         self.assertLastVoucher(self.cli("--header", "X-First: 1", "--header", "X-Second: 2", "--log-file", log))
         cache = os.path.join(self.work, "credentials.json")
         self.assertEqual(stat.S_IMODE(os.stat(cache).st_mode), 0o600)
+        self.assertEqual(stat.S_IMODE(os.stat(log).st_mode), 0o600, "the log holds the live token and sign")
         with open(cache) as file:
             cached = file.read()
         self.assertTrue(all(json.loads(cached)["wsfe"][key] for key in ("token", "sign", "expired")))
@@ -136,6 +175,29 @@ class AgainstSimulator(unittest.TestCase):
         self.assertTrue(logged.endswith("==> Response body\nplain text\n"), logged)
         self.assertEqual(garbled.stderr, logged + "tarvoafip_cli: result 14: the service's answer is not well-formed "
                                                   "XML, or there was none (see --log)\n")
+
+    def test_invoicing_with_the_password_from_a_file_or_the_environment(self):
+        self.start()
+        password_file = os.path.join(self.work, "password")
+        with open(password_file, "w") as file:
+            file.write("pw\n")
+        sample = os.path.join(SAMPLES, "fe_cae_solicitar.xml")
+        invoice = run([CLI, "--wsaa-url", self.simulator.wsaa(), "--certificate", fixture("signer.p12"), "--service", "wsfe",
+                       "--url", self.simulator.wsfe(), "--request", sample, "--operation", "FECAESolicitar"],
+                      env={"TARVO_PASSWORD": "pw"}, cwd=self.work)
+        self.assertEqual(invoice.returncode, 0, invoice.stderr)
+        self.assertRegex(invoice.stdout, r"<Resultado>A</Resultado><CAE>\d{14}</CAE>")
+        self.assertIn(["SOAPAction", '"http://ar.gov.afip.dif.FEV1/FECAESolicitar"'],
+                      self.simulator.requests("/wsfev1/service.asmx")[0]["headers"])
+        os.remove(os.path.join(self.work, "credentials.json"))
+        wrong = run([CLI, "--wsaa-url", self.simulator.wsaa(), "--certificate", fixture("signer.p12"), "--service", "wsfe",
+                     "--url", self.simulator.wsfe(), "--request", sample, "--password-file", password_file,
+                     "--password", "wrong"], cwd=self.work)
+        self.assertEqual(wrong.returncode, 5, "--password wins over the file")
+        from_file = run([CLI, "--wsaa-url", self.simulator.wsaa(), "--certificate", fixture("signer.p12"), "--service",
+                         "wsfe", "--url", self.simulator.wsfe(), "--request", sample, "--password-file", password_file],
+                        env={"TARVO_PASSWORD": "wrong"}, cwd=self.work)
+        self.assertEqual(from_file.returncode, 9, "the file's password signed; the simulator refuses a second login")
 
     def test_proxy_options_reach_the_library(self):
         self.start()

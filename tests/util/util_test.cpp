@@ -146,6 +146,12 @@ TEST(SystemHelpers, Timer)
     EXPECT_TRUE(timer_has_expired(&late));
     t_timer_t ahead = timer_started_ago(60000, -10000);
     EXPECT_TRUE(timer_has_expired(&ahead)) << "a clock set back counts as expired";
+    // A start later in its second than now needs a borrow: just under a second has passed.
+    t_timer_t borrowing{};
+    timer_start(&borrowing, 999);
+    borrowing.start.tv_sec -= 1;
+    borrowing.start.tv_usec = 999999;
+    EXPECT_FALSE(timer_has_expired(&borrowing));
     // Exactly at the time-out is not expired: look for a run where the clock moved less than 1 ms.
     bool boundary_seen = false;
     for (int attempt = 0; attempt < 50 && !boundary_seen; ++attempt) {

@@ -52,21 +52,6 @@ std::string element(const std::string& xml, const std::string& name)
     return xml.substr(start, xml.find("</" + name + ">") - start);
 }
 
-std::string fault(const std::string& text)
-{
-    return "<soapenv:Envelope><soapenv:Body><soapenv:Fault><faultcode>ns1:x</faultcode><faultstring>" + text +
-           "</faultstring></soapenv:Fault></soapenv:Body></soapenv:Envelope>";
-}
-
-// WSAA's answer: the ticket document, escaped, inside loginCmsReturn.
-std::string ticket(const std::string& token, const std::string& sign, const std::string& generated)
-{
-    return "<soapenv:Envelope><soapenv:Body><loginCmsResponse><loginCmsReturn>&lt;loginTicketResponse&gt;&lt;header&gt;"
-           "&lt;generationTime&gt;" + generated + "&lt;/generationTime&gt;&lt;/header&gt;&lt;credentials&gt;&lt;token&gt;" +
-           token + "&lt;/token&gt;&lt;sign&gt;" + sign + "&lt;/sign&gt;&lt;/credentials&gt;&lt;/loginTicketResponse&gt;"
-           "</loginCmsReturn></loginCmsResponse></soapenv:Body></soapenv:Envelope>";
-}
-
 std::string cache_entry(const std::string& service, const std::string& generated)
 {
     return "{\"" + service + "\": {\"expired\": \"" + generated + "\", \"sign\": \"S\", \"token\": \"T\"}}";
@@ -106,6 +91,8 @@ TEST(LoginTicketRequest, ExactTextLocalTimesWithoutOffset)
         {"UTC0", int32_min + 3600, 0, "1901-12-13T20:45:52", "1901-12-14T09:45:52"},
         // -1.5 s: both sums drop their half second toward zero.
         {"UTC0", -1, -500, "1969-12-31T22:59:59", "1970-01-01T11:59:58"},
+        // Past 2038 (a 64-bit time_t on every target).
+        {"UTC0", 2208988800, 0, "2039-12-31T23:00:00", "2040-01-01T12:00:00"},
     };
     for (const auto& test : cases) {
         use_time_zone(test.zone);
@@ -148,16 +135,16 @@ TEST(FaultClassification, CaseInsensitiveSubstringsInTheirOrder)
         std::string answer;
         int32_t code;
     } cases[] = {
-        {fault("El CEE ya posee un TA valido para el acceso al WSN solicitado"), 9},
-        {fault("computador NO AUTORIZADO a acceder al servicio"), 2},
-        {fault("cms.cert.expired: CERTIFICADO EXPIRADO el 2026-01-01"), 3},
-        {fault("certificado expirado"), 3},
-        {fault("Computador no autorizado a acceder al servicio; El CEE ya posee un TA valido para el acceso al WSN "
+        {soap_fault("El CEE ya posee un TA valido para el acceso al WSN solicitado"), 9},
+        {soap_fault("computador NO AUTORIZADO a acceder al servicio"), 2},
+        {soap_fault("cms.cert.expired: CERTIFICADO EXPIRADO el 2026-01-01"), 3},
+        {soap_fault("certificado expirado"), 3},
+        {soap_fault("Computador no autorizado a acceder al servicio; El CEE ya posee un TA valido para el acceso al WSN "
                "solicitado"), 9},
-        {fault("Certificado expirado y Computador no autorizado a acceder al servicio"), 2},
-        {fault("Certificado&#32;expirado"), 3},
-        {fault("generationTime posee formato incorrecto"), 0},
-        {fault(""), 0},
+        {soap_fault("Certificado expirado y Computador no autorizado a acceder al servicio"), 2},
+        {soap_fault("Certificado&#32;expirado"), 3},
+        {soap_fault("generationTime posee formato incorrecto"), 0},
+        {soap_fault(""), 0},
         {"", 0},
         {"Certificado expirado", 0},
         {"<soapenv:Envelope><soapenv:Body><soapenv:Fault><x:faultstring>Certificado expirado</x:faultstring>"
@@ -220,6 +207,14 @@ TEST_F(CredentialsCache, AgeIsReadAsLocalWallClockDigits)
     for (const auto& test : cases)
         EXPECT_EQ(age_code(test.generated), test.code) << test.generated;
 
+    // Judged at a given time, after 2038 too: exactly one hour is still fresh.
+    use_time_zone("UTC0");
+    const std::time_t noon_2040 = static_cast<std::time_t>(2209032000LL);
+    for (const auto& [generated, code] : {std::pair{"2040-01-01T11:30:00", 0}, std::pair{"2040-01-01T11:00:00", 0},
+                                          std::pair{"2040-01-01T10:59:59", 11}})
+        EXPECT_EQ(code_of([&] { offline_tra().check_tra_is_expired(generated, noon_2040); }), code) << generated;
+    use_time_zone("<-03>3");
+
     // The same digits read three hours further west lie in the future; three hours east, too old.
     const std::string thirty_minutes_ago = local_text(now - 1800);
     use_time_zone("<-06>6");
@@ -233,7 +228,7 @@ TEST_F(CredentialsCache, AgeIsReadAsLocalWallClockDigits)
 TEST_F(CredentialsCache, WriteReplacesOneEntryKeepsTheRestAndTheMode)
 {
     TRA first = offline_tra();
-    first.get_token_and_sign(ticket("T1", "S1", "2026-11-21T10:15:30.123-03:00"));
+    first.get_token_and_sign(wsaa_ticket("T1", "S1", "2026-11-21T10:15:30.123-03:00"));
     EXPECT_EQ(read_file("credentials.json"), "{\n"
                                              "    \"wsfe\": {\n"
                                              "        \"expired\": \"2026-11-21T10:15:30.123-03:00\",\n"
@@ -250,7 +245,7 @@ TEST_F(CredentialsCache, WriteReplacesOneEntryKeepsTheRestAndTheMode)
                                " \"aaa\": \"top-level member\"}";
     write_file("credentials.json", before);
     chmod("credentials.json", 0640);
-    offline_tra().get_token_and_sign(ticket("T\xC3\xA9", "S2", "G2"));
+    offline_tra().get_token_and_sign(wsaa_ticket("T\xC3\xA9", "S2", "G2"));
     nlohmann::json expected = nlohmann::json::parse(before);
     expected["wsfe"] = {{"expired", "G2"}, {"sign", "S2"}, {"token", "T\xC3\xA9"}};
     EXPECT_EQ(read_file("credentials.json"), expected.dump(4) + "\n") << "non-ASCII unescaped, keys sorted";
@@ -258,26 +253,26 @@ TEST_F(CredentialsCache, WriteReplacesOneEntryKeepsTheRestAndTheMode)
     EXPECT_EQ(status.st_mode & 0777, 0640u) << "an existing file keeps its mode";
 
     write_file("credentials.json", "{ broken");
-    offline_tra().get_token_and_sign(ticket("T", "S", "G"));
+    offline_tra().get_token_and_sign(wsaa_ticket("T", "S", "G"));
     EXPECT_EQ(nlohmann::json::parse(read_file("credentials.json")),
               (nlohmann::json{{"wsfe", {{"expired", "G"}, {"sign", "S"}, {"token", "T"}}}}));
 
     write_file("credentials.json", "[1, 2, 3]");
-    EXPECT_THROW(offline_tra().get_token_and_sign(ticket("T", "S", "G")), nlohmann::json::type_error);
+    EXPECT_THROW(offline_tra().get_token_and_sign(wsaa_ticket("T", "S", "G")), nlohmann::json::type_error);
     EXPECT_EQ(read_file("credentials.json"), "[1, 2, 3]");
 }
 
 TEST_F(CredentialsCache, IncompleteTicketsWriteNothing)
 {
     TRA tra = offline_tra();
-    tra.get_token_and_sign(ticket("T", "S", ""));
+    tra.get_token_and_sign(wsaa_ticket("T", "S", ""));
     EXPECT_FALSE(std::ifstream("credentials.json").good());
     // Token and sign were taken all the same: the next call returns them without looking further.
     EXPECT_EQ(tra.get_credentials(), std::make_pair(std::string("T"), std::string("S")));
 
     for (const std::string& answer :
-         {fault("Certificado expirado"), std::string("not xml"), std::string(""), ticket("", "S", "G"),
-          ticket("T", "", "G"),
+         {soap_fault("Certificado expirado"), std::string("not xml"), std::string(""), wsaa_ticket("", "S", "G"),
+          wsaa_ticket("T", "", "G"),
           std::string("<soapenv:Envelope><soapenv:Body><ns:loginCmsResponse><ns:loginCmsReturn>x</ns:loginCmsReturn>"
                       "</ns:loginCmsResponse></soapenv:Body></soapenv:Envelope>")}) {
         offline_tra().get_token_and_sign(answer);
