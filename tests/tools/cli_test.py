@@ -141,19 +141,6 @@ class AgainstSimulator(unittest.TestCase):
         self.assertEqual((refused.returncode, refused.stdout), (9, ""))
         self.assertIn("result 9: WSAA already holds a valid ticket", refused.stderr)
 
-    def test_stale_cache_logs_in_again(self):
-        self.start("--ticket-seconds", "1")
-        self.assertLastVoucher(self.cli())
-        cache = os.path.join(self.work, "credentials.json")
-        with open(cache) as file:
-            stale = json.load(file)
-        stale["wsfe"]["expired"] = time.strftime("%Y-%m-%dT%H:%M:%S", time.gmtime(time.time() - 5 * 3600))
-        with open(cache, "w") as file:
-            json.dump(stale, file)
-        time.sleep(1.5)  # past the simulator's own ticket lifetime, so that it issues another
-        self.assertLastVoucher(self.cli())
-        self.assertEqual(self.logins(), 2)
-
     def test_service_failures_and_the_log(self):
         self.start()
         log = os.path.join(self.work, "transfer.log")
