@@ -47,24 +47,29 @@ endfunction()
 set(CPACK_PACKAGE_NAME tarvoafipdriver)
 set(CPACK_PACKAGE_VENDOR "Tarvo")
 set(CPACK_PACKAGE_CONTACT "Tarvo developers <dev@tarvo.example>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+# CPack's own default summary: each package's description then brings its own first line.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${CMAKE_PROJECT_NAME} built using CMake")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "${PROJECT_DESCRIPTION}
- The shared library a point-of-sale, ERP or invoicing program loads to call AFIP's web
- services through twelve C functions.")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/triggers)
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "client library for AFIP's SOAP web services
+The shared library that point-of-sale, ERP and invoicing programs load to call
+the web services of AFIP, the Argentine tax agency, through twelve C functions:
+it obtains and caches WSAA access tickets, signs the login request as CMS with
+the host's PKCS#12 certificate, and posts the host's SOAP requests.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libtarvoafipdriver1 (= ${PROJECT_VERSION})")
-set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "${PROJECT_DESCRIPTION} (development files)
- The C header, the pkg-config file and the CMake package for building hosts against
- libtarvoafipdriver.")
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "client library for AFIP's SOAP web services (development files)
+The C header, the pkg-config file and the CMake package for building hosts
+against libtarvoafipdriver.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libtarvoafipdriver1 (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "AFIP simulator and command-line host for libtarvoafipdriver
- afip_simulator stands in for AFIP's WSAA and WSFEv1 services on loopback; tarvoafip_cli
- sends one SOAP request through the library.")
+afip_simulator stands in for AFIP's WSAA and WSFEv1 services on loopback;
+tarvoafip_cli sends one SOAP request through the library.")

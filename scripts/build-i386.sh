@@ -95,7 +95,8 @@ mount_system() {
 in_root() {
   chroot "$root" /usr/bin/env -i \
     PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
-    HOME=/root LANG=C.UTF-8 DEBIAN_FRONTEND=noninteractive ${CI:+CI=$CI} ${TZ:+TZ=$TZ} "$@"
+    HOME=/root LANG=C.UTF-8 DEBIAN_FRONTEND=noninteractive TARVO_AFIP_REFERENCE=/afip-reference \
+    ${CI:+CI=$CI} ${TZ:+TZ=$TZ} "$@"
 }
 
 unmount_stale
@@ -132,6 +133,13 @@ fi
 touch "$marker"
 
 bind "$source_dir" "$root/src" ro
+# AFIP's published WSDLs, which the simulator's tests hold its answers to.
+for reference in "${TARVO_AFIP_REFERENCE:-}" "$source_dir/../shared/reference/afip" /work/shared/reference/afip; do
+  if [ -n "$reference" ] && [ -f "$reference/wsfev1-service.wsdl" ]; then
+    bind "$reference" "$root/afip-reference" ro
+    break
+  fi
+done
 
 if $package_mode; then
   package_out=${TARVO_I386_PACKAGE_OUT:-$source_dir/packages}
@@ -159,7 +167,7 @@ in_root cmake --build /build -j "$jobs"
 
 library=$root/build/libtarvoafipdriver.so
 [ -f "$library" ] || die "no library built at /build/libtarvoafipdriver.so"
-description=$(in_root file -L /build/libtarvoafipdriver.so)
+description=$(file -L "$library")
 echo "$description"
 case $description in
   *"ELF 32-bit LSB shared object, Intel 80386"*) ;;

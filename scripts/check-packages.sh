@@ -27,8 +27,12 @@ fi
 command -v debootstrap >/dev/null || "$source_dir/scripts/install-deps.sh" package
 
 root=$(mktemp -d /tmp/tarvo-clean-"$arch".XXXXXX)
-cleanup() {
+mount_system() { for point in proc dev dev/pts; do mount --bind "/$point" "$root/$point"; done; }
+unmount_system() {
   for point in dev/pts dev proc; do umount "$root/$point" 2>/dev/null || umount -l "$root/$point" 2>/dev/null || true; done
+}
+cleanup() {
+  unmount_system
   rm -rf --one-file-system "$root"
 }
 trap cleanup EXIT
@@ -45,9 +49,11 @@ if [ ! -f "$pristine" ]; then
   debootstrap --arch="$arch" --variant=minbase bookworm "$root" "$mirror" >/dev/null
   cp /etc/resolv.conf "$root/etc/resolv.conf"
   printf '#!/bin/sh\nexit 101\n' >"$root/usr/sbin/policy-rc.d" && chmod 755 "$root/usr/sbin/policy-rc.d"
+  mount_system
   in_root apt-get update -qq
   in_root apt-get install -y -qq --no-install-recommends gcc libc6-dev cmake make pkg-config >/dev/null
   in_root apt-get clean
+  unmount_system
   tar -C "$root" -cf "$pristine.partial" . && mv "$pristine.partial" "$pristine"
   rm -rf --one-file-system "$root" && mkdir "$root"
 fi
@@ -55,7 +61,7 @@ flock -u 9
 log "a fresh $arch root from $pristine"
 tar -C "$root" -xf "$pristine"
 cp /etc/resolv.conf "$root/etc/resolv.conf"
-for point in proc dev dev/pts; do mount --bind "/$point" "$root/$point"; done
+mount_system
 
 log "installing the packages: $(cd "$packages" && echo *_"$arch".deb)"
 mkdir -p "$root/tmp/packages" "$root/tmp/host"
@@ -74,6 +80,7 @@ in_root sh -c '
   cd /tmp/host
   afip_simulator --make-certificate host.p12 --password pw >/dev/null
   afip_simulator --tls --port-file port --max-seconds 120 --refuse-relogin-seconds 0 >simulator.log 2>&1 &
+  simulator=$!
   for i in $(seq 100); do [ -s port ] && break; sleep 0.1; done
   port=$(cat port)
   for host in ./host-pkg-config build/minimal_host; do
@@ -84,6 +91,6 @@ in_root sh -c '
     echo "$host: result 0, $(grep -o "<AppServer>[^<]*</AppServer>" answer)"
     cd ..
   done
-  kill %1
+  kill $simulator
 '
 log "the $arch packages install, build a host and run on a clean system"

@@ -18,6 +18,24 @@ SIMULATOR = os.environ["TARVO_SIMULATOR"]
 CLI = os.environ["TARVO_CLI"]
 FIXTURES = os.environ["TARVO_FIXTURES"]
 SAMPLES = os.path.join(SOURCE, "tools", "cli", "samples")
+
+
+def _afip_reference():
+    """AFIP's published WSDLs: TARVO_AFIP_REFERENCE, else shared/reference/afip beside the checkout or
+    above it, else the workplace's copy."""
+    candidates = [os.environ.get("TARVO_AFIP_REFERENCE", "")]
+    directory = SOURCE
+    while directory != os.path.dirname(directory):
+        candidates.append(os.path.join(directory, "shared", "reference", "afip"))
+        directory = os.path.dirname(directory)
+    candidates.append("/work/shared/reference/afip")
+    for candidate in candidates:
+        if candidate and os.path.isfile(os.path.join(candidate, "wsfev1-service.wsdl")):
+            return candidate
+    raise RuntimeError("AFIP's WSDLs not found: set TARVO_AFIP_REFERENCE to the folder that holds them")
+
+
+AFIP_REFERENCE = _afip_reference()
 ARGENTINA = {"TZ": "<-03>3"}
 
 

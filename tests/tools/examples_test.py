@@ -17,13 +17,16 @@ FEV1 = "http://ar.gov.afip.dif.FEV1/"
 
 
 def build_examples(scratch):
-    """Each example's command line; the Pascal and Java ones compiled here, the Pascal one twice."""
+    """Each example's command line; the Pascal and Java ones compiled here, the Pascal one twice. Free
+    Pascal's run-time library deadlocks at exit beside a preloaded sanitizer runtime: a sanitized build
+    leaves the Pascal examples to the plain one."""
     library_directory = os.path.dirname(LIBRARY)
     pascal = os.path.join(SOURCE, "examples", "pascal", "minimal_host.pas")
     examples = {"c": [os.environ["TARVO_C_EXAMPLE"]],
                 "python": [sys.executable, os.path.join(SOURCE, "examples", "python", "minimal_host.py")]}
-    for variant, flags in (("pascal linked", ["-Fl" + library_directory, "-k-rpath=" + library_directory]),
-                           ("pascal loaded", ["-dTARVO_DYNAMIC"])):
+    pascal_variants = () if PRELOAD else (("pascal linked", ["-Fl" + library_directory, "-k-rpath=" + library_directory]),
+                                          ("pascal loaded", ["-dTARVO_DYNAMIC"]))
+    for variant, flags in pascal_variants:
         output = os.path.join(scratch, variant.replace(" ", "-"))
         os.mkdir(output)
         subprocess.run(["fpc", "-v0", "-Fu" + os.path.join(SOURCE, "bindings", "pascal"), "-FE" + output] + flags +
@@ -60,7 +63,7 @@ class Examples(unittest.TestCase):
                               env=dict(PRELOAD, TARVO_LIBRARY=LIBRARY))
                 self.assertEqual(refused.returncode, 14, (language, refused.stderr))
             actions = [r["headers"] for r in simulator.requests("/wsfev1/service.asmx")]
-            self.assertEqual(sum(["SOAPAction", '"%sFEDummy"' % FEV1] in headers for headers in actions), 5)
+            self.assertEqual(sum(["SOAPAction", '"%sFEDummy"' % FEV1] in headers for headers in actions), 3 if PRELOAD else 5)
 
 
 if __name__ == "__main__":

@@ -1,5 +1,5 @@
 """The simulator as users run it, held to AFIP's shapes: every answer is checked against the schema
-of AFIP's published WSDLs (../shared/reference/afip), logins are signed with openssl."""
+of AFIP's published WSDLs, logins are signed with openssl."""
 import base64
 import copy
 import os
@@ -10,10 +10,9 @@ import unittest
 
 from lxml import etree
 
-from harness import CLI, SAMPLES, SIMULATOR, Simulator, fixture, login_envelope, login_ticket_request, post, run, \
-    signed
+from harness import AFIP_REFERENCE as REFERENCE, CLI, SAMPLES, SIMULATOR, Simulator, fixture, login_envelope, \
+    login_ticket_request, post, run, signed
 
-REFERENCE = os.path.join(os.environ["TARVO_SOURCE_DIR"], "..", "shared", "reference", "afip")
 SOAP = "{http://schemas.xmlsoap.org/soap/envelope/}"
 FEV1 = "http://ar.gov.afip.dif.FEV1/"
 AXIS = "http://xml.apache.org/axis/"
