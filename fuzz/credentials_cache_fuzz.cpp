@@ -35,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     TRA writer("http://127.0.0.1:1/", "wsfe", "missing.p12", "", http);
     try {
-        writer.get_token_and_sign(ticket_answer("T", "S", "2026-11-21T10:15:30.123-03:00"));
+        writer.get_token_and_sign(wsaa_ticket("T", "S", "2026-11-21T10:15:30.123-03:00"));
         // Whatever the file held, a successful merge leaves valid JSON with this entry.
         std::ifstream written("credentials.json");
         const nlohmann::json cache = nlohmann::json::parse(written);

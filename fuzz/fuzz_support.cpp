@@ -38,13 +38,3 @@ std::string as_string(const uint8_t* data, size_t size)
 {
     return std::string(reinterpret_cast<const char*>(data), size);
 }
-
-std::string ticket_answer(const std::string& token, const std::string& sign, const std::string& generated)
-{
-    return "<soapenv:Envelope xmlns:soapenv=\"http://schemas.xmlsoap.org/soap/envelope/\"><soapenv:Body>"
-           "<loginCmsResponse><loginCmsReturn>&lt;loginTicketResponse&gt;&lt;header&gt;&lt;generationTime&gt;" +
-           generated + "&lt;/generationTime&gt;&lt;/header&gt;&lt;credentials&gt;&lt;token&gt;" + token +
-           "&lt;/token&gt;&lt;sign&gt;" + sign +
-           "&lt;/sign&gt;&lt;/credentials&gt;&lt;/loginTicketResponse&gt;</loginCmsReturn></loginCmsResponse>"
-           "</soapenv:Body></soapenv:Envelope>";
-}

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "support/wsaa_answers.h"
+
 // Moves the process into a private scratch directory: credentials.json is written there.
 void enter_scratch_directory();
 
@@ -12,8 +14,5 @@ void enter_scratch_directory();
 void use_argentina_time();
 
 std::string as_string(const uint8_t* data, size_t size);
-
-// A WSAA answer that carries a complete ticket.
-std::string ticket_answer(const std::string& token, const std::string& sign, const std::string& generated);
 
 #endif

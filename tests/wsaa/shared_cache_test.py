@@ -8,18 +8,13 @@ import threading
 import time
 import unittest
 
-from harness import ARGENTINA, CLI, SAMPLES, Simulator, fixture, run
-
-
-def command(simulator, *extra):
-    return [CLI, "--wsaa-url", simulator.wsaa(), "--certificate", fixture("signer.p12"), "--password", "pw",
-            "--service", "wsfe", "--url", simulator.wsfe(), "--request", os.path.join(SAMPLES, "fe_dummy.xml")] + list(extra)
+from harness import ARGENTINA, CLI, SAMPLES, Simulator, cli_command, fixture, run
 
 
 def crowd(simulator, work, count=12):
     """Starts `count` hosts at once in `work` and returns their exit statuses."""
     environment = dict(os.environ, **ARGENTINA)
-    hosts = [subprocess.Popen(command(simulator), cwd=work, env=environment, stdout=subprocess.DEVNULL,
+    hosts = [subprocess.Popen(cli_command(simulator), cwd=work, env=environment, stdout=subprocess.DEVNULL,
                               stderr=subprocess.DEVNULL) for _ in range(count)]
     return [host.wait(timeout=120) for host in hosts]
 
@@ -45,7 +40,7 @@ class SharedCache(unittest.TestCase):
 
     def test_a_reader_waits_for_a_slow_writer(self):
         with Simulator() as simulator, tempfile.TemporaryDirectory() as first, tempfile.TemporaryDirectory() as work:
-            self.assertEqual(run(command(simulator), cwd=first).returncode, 0)
+            self.assertEqual(run(cli_command(simulator), cwd=first).returncode, 0)
             with open(os.path.join(first, "credentials.json")) as file:
                 ticket = file.read()
             # A writer that has truncated the file and not finished it yet.
@@ -59,7 +54,7 @@ class SharedCache(unittest.TestCase):
                 lock.release()
             finishing = threading.Timer(1.0, finish)
             finishing.start()
-            result = run(command(simulator), cwd=work)
+            result = run(cli_command(simulator), cwd=work)
             finishing.join()
             self.assertEqual(result.returncode, 0, result.stderr)
             self.assertEqual(len(simulator.requests("/ws/services/LoginCms")), 1, "the reader used the writer's ticket")
@@ -68,7 +63,7 @@ class SharedCache(unittest.TestCase):
         with Simulator() as simulator, tempfile.TemporaryDirectory() as work:
             lock = DirectoryLock(work)
             started = time.monotonic()
-            result = run(command(simulator, "--timeout-ms", "1500"), cwd=work)
+            result = run(cli_command(simulator, "--timeout-ms", "1500"), cwd=work)
             elapsed = time.monotonic() - started
             lock.release()
             self.assertEqual(result.returncode, 0, result.stderr)
