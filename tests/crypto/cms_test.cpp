@@ -10,17 +10,6 @@ namespace {
 const char login_request[] = "<loginTicketRequest version=\"1.0\"><header><uniqueId>2261374686</uniqueId></header>"
                              "<service>wsfe</service></loginTicketRequest>";
 
-int32_t code_of(const std::function<void()>& action)
-{
-    try {
-        action();
-    } catch (const afip_driver_exception& error) {
-        EXPECT_STREQ(error.what(), "");
-        return error.get_error();
-    }
-    return 0;
-}
-
 // Puts the armour back around the signed body, checks the signature and returns the signed content
 // and the subjects of the certificates carried.
 std::pair<std::string, std::string> verify(const std::string& body)

@@ -1,5 +1,7 @@
 #include "support/support.h"
 
+#include "driver/afip_driver_exception.h"
+
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <fcntl.h>
@@ -69,6 +71,17 @@ Workspace::~Workspace()
     if (chdir(m_previous.c_str()) != 0)
         ADD_FAILURE() << "cannot go back to " << m_previous;
     std::filesystem::remove_all(m_path);
+}
+
+int32_t code_of(const std::function<void()>& action)
+{
+    try {
+        action();
+    } catch (const afip_driver_exception& error) {
+        EXPECT_STREQ(error.what(), "");
+        return error.get_error();
+    }
+    return 0;
 }
 
 std::string fixture(const std::string& name)

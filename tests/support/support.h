@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <nlohmann/json.hpp>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,9 @@ private:
     std::string m_path;
     std::string m_previous;
 };
+
+// The result code the action raised as afip_driver_exception (whose message must be empty), or 0.
+int32_t code_of(const std::function<void()>& action);
 
 // A certificate file made for this run by make-fixtures.sh; all but nopass.p12 use password "pw".
 std::string fixture(const std::string& name);

@@ -25,17 +25,6 @@ TRA offline_tra(const std::string& service = "wsfe")
     return TRA("http://127.0.0.1:1/", service, "missing.p12", "", std::make_shared<EasyHTTP>(""));
 }
 
-int32_t code_of(const std::function<void()>& action)
-{
-    try {
-        action();
-    } catch (const afip_driver_exception& error) {
-        EXPECT_STREQ(error.what(), "");
-        return error.get_error();
-    }
-    return 0;
-}
-
 int32_t age_code(const std::string& generated)
 {
     return code_of([&] { offline_tra().check_tra_is_expired(generated); });

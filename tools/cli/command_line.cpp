@@ -6,6 +6,8 @@
 #include <cstring>
 #include <limits>
 
+#include "wsfev1_operations.h"
+
 namespace {
 
 // strtol/strtoul accept leading blanks, signs and trailing junk; a number option must be digits only.
@@ -33,14 +35,6 @@ const Environment environments[] = {
     {"homologation", "https://wsaahomo.afip.gov.ar/ws/services/LoginCms", "https://wswhomo.afip.gov.ar/wsfev1/service.asmx"},
     {"production", "https://wsaa.afip.gov.ar/ws/services/LoginCms", "https://servicios1.afip.gov.ar/wsfev1/service.asmx"},
 };
-
-const char* const wsfev1_operations[] = {
-    "FECAESolicitar", "FECompTotXRequest", "FEDummy", "FECompUltimoAutorizado", "FECompConsultar",
-    "FECAEARegInformativo", "FECAEASolicitar", "FECAEASinMovimientoConsultar", "FECAEASinMovimientoInformar",
-    "FECAEAConsultar", "FEParamGetCotizacion", "FEParamGetTiposTributos", "FEParamGetTiposMonedas",
-    "FEParamGetTiposIva", "FEParamGetTiposOpcional", "FEParamGetTiposConcepto", "FEParamGetPtosVenta",
-    "FEParamGetTiposCbte", "FEParamGetCondicionIvaReceptor", "FEParamGetTiposDoc", "FEParamGetTiposPaises",
-    "FEParamGetActividades"};
 
 } // namespace
 
@@ -91,8 +85,7 @@ CliOptions parse_command_line(int argc, const char* const* argv)
         }
         else if (name == "--operation") {
             operation = value();
-            if (std::find(std::begin(wsfev1_operations), std::end(wsfev1_operations), operation) ==
-                std::end(wsfev1_operations))
+            if (!is_wsfev1_operation(operation))
                 throw UsageError("--operation takes a WSFEv1 operation such as FECAESolicitar or FEDummy, not '" +
                                  operation + "'");
         }

@@ -5,19 +5,11 @@
 #include <cstdlib>
 
 #include "argentina_time.h"
+#include "wsfev1_operations.h"
 
 namespace {
 
 const char fev1_namespace[] = "http://ar.gov.afip.dif.FEV1/";
-
-// Every operation of AFIP's WSFEv1, so that a SOAPAction naming one is recognised.
-const char* const afip_operations[] = {
-    "FECAESolicitar", "FECompTotXRequest", "FEDummy", "FECompUltimoAutorizado", "FECompConsultar",
-    "FECAEARegInformativo", "FECAEASolicitar", "FECAEASinMovimientoConsultar", "FECAEASinMovimientoInformar",
-    "FECAEAConsultar", "FEParamGetCotizacion", "FEParamGetTiposTributos", "FEParamGetTiposMonedas",
-    "FEParamGetTiposIva", "FEParamGetTiposOpcional", "FEParamGetTiposConcepto", "FEParamGetPtosVenta",
-    "FEParamGetTiposCbte", "FEParamGetCondicionIvaReceptor", "FEParamGetTiposDoc", "FEParamGetTiposPaises",
-    "FEParamGetActividades"};
 
 // Small tables of AFIP's own codes: Id and Desc, valid from FchDesde with no end ("NULL").
 struct ParameterTable {
@@ -46,7 +38,7 @@ const ParameterTable parameter_tables[] = {
 };
 
 // Id, Desc and the voucher classes (Cmp_Clase) each receiver condition applies to.
-const char* const receiver_conditions[][3] = {
+const char* const receiver_condition_table[][3] = {
     {"1", "IVA Responsable Inscripto", "A/M/C"},  {"4", "IVA Sujeto Exento", "B/C"},
     {"5", "Consumidor Final", "B/C"},             {"6", "Responsable Monotributo", "A/M/C"},
     {"7", "Sujeto No Categorizado", "B/C"},       {"8", "Proveedor del Exterior", "B/C"},
@@ -58,7 +50,7 @@ const char* const receiver_conditions[][3] = {
 const std::pair<const char*, const char*> quotations[] = {{"PES", "1"}, {"DOL", "1045.5"}, {"060", "1130.25"}, {"012", "182.4"}};
 
 constexpr std::chrono::hours cae_validity{24 * 10};
-const char records_per_request[] = "250";
+const char most_records_per_request[] = "250";
 const char no_data[] = "No existen datos en nuestros registros para los parametros ingresados.";
 
 std::string element(const std::string& name, const std::string& text)
@@ -120,10 +112,6 @@ bool decimal_number(const std::string& text)
     return !text.empty() && end == text.c_str() + text.size();
 }
 
-bool is_afip_operation(const std::string& name)
-{
-    return std::find(std::begin(afip_operations), std::end(afip_operations), name) != std::end(afip_operations);
-}
 
 // What the service says of the Auth element: empty when it accepts it, else the Err 600 text.
 std::string token_problem(const TicketRegistry& tickets, const pugi::xml_node& auth)
@@ -191,7 +179,7 @@ Reply InvoicingService::handle(const std::string& request_body, const std::optio
         if (action.size() >= 2 && action.front() == '"' && action.back() == '"')
             action = action.substr(1, action.size() - 2);
         const std::string prefix = std::string(fev1_namespace);
-        if (action.rfind(prefix, 0) == 0 && is_afip_operation(action.substr(prefix.size())))
+        if (action.rfind(prefix, 0) == 0 && is_wsfev1_operation(action.substr(prefix.size())))
             name = action.substr(prefix.size());
         else
             return fault("soap:Client", "Server did not recognize the value of HTTP Header SOAPAction: " + action + ".",
@@ -204,7 +192,7 @@ Reply InvoicingService::handle(const std::string& request_body, const std::optio
         return unreadable("(unreadable)");
     if (name.empty()) {
         name = local_name(operation);
-        if (!is_afip_operation(name))
+        if (!is_wsfev1_operation(name))
             return fault("soap:Client", "Server did not recognize the value of HTTP Header SOAPAction: " +
                                             std::string(fev1_namespace) + name + ".", name);
     }
@@ -216,13 +204,20 @@ Reply InvoicingService::operate(const std::string& name, const pugi::xml_node& o
     if (name == "FEDummy")
         return operation_reply(name, "<AppServer>OK</AppServer><DbServer>OK</DbServer><AuthServer>OK</AuthServer>", "-> OK");
 
+    using Handler = std::string (InvoicingService::*)(const pugi::xml_node&, const std::string&);
+    static const std::map<std::string, Handler> handlers = {
+        {"FECompUltimoAutorizado", &InvoicingService::last_authorised},
+        {"FECAESolicitar", &InvoicingService::authorise},
+        {"FECompConsultar", &InvoicingService::consult},
+        {"FEParamGetPtosVenta", &InvoicingService::points_of_sale},
+        {"FEParamGetCondicionIvaReceptor", &InvoicingService::receiver_conditions},
+        {"FEParamGetCotizacion", &InvoicingService::quotation},
+        {"FECompTotXRequest", &InvoicingService::records_per_request},
+    };
     const auto table = std::find_if(std::begin(parameter_tables), std::end(parameter_tables),
                                     [&](const ParameterTable& t) { return name == t.operation; });
-    const bool implemented = table != std::end(parameter_tables) ||
-                             name == "FECompUltimoAutorizado" || name == "FECAESolicitar" || name == "FECompConsultar" ||
-                             name == "FEParamGetPtosVenta" || name == "FEParamGetCondicionIvaReceptor" ||
-                             name == "FEParamGetCotizacion" || name == "FECompTotXRequest";
-    if (!implemented)
+    const auto handler = handlers.find(name);
+    if (table == std::end(parameter_tables) && handler == handlers.end())
         return fault("soap:Server", "afip_simulator no implementa la operacion " + name + " de WSFEv1.", name);
 
     const pugi::xml_node auth = child_by_local_name(operation, "Auth");
@@ -241,31 +236,8 @@ Reply InvoicingService::operate(const std::string& name, const pugi::xml_node& o
             result += "<" + std::string(table->element) + ">" + element("Id", id) + element("Desc", description) +
                       element("FchDesde", table->valid_from) + "<FchHasta>NULL</FchHasta></" + table->element + ">";
         result = "<ResultGet>" + result + "</ResultGet>";
-    } else if (name == "FEParamGetCondicionIvaReceptor") {
-        const std::string voucher_class = text_by_local_name(operation, {"ClaseCmp"});
-        for (const auto& condition : receiver_conditions)
-            if (voucher_class.empty() || std::string(condition[2]).find(voucher_class) != std::string::npos)
-                result += "<CondicionIvaReceptor>" + element("Id", condition[0]) + element("Desc", condition[1]) +
-                          element("Cmp_Clase", condition[2]) + "</CondicionIvaReceptor>";
-        result = result.empty() ? errors(602, no_data) : "<ResultGet>" + result + "</ResultGet>";
-    } else if (name == "FEParamGetCotizacion") {
-        const std::string currency = text_by_local_name(operation, {"MonId"});
-        const auto found = std::find_if(std::begin(quotations), std::end(quotations),
-                                        [&](const auto& quotation) { return currency == quotation.first; });
-        result = found == std::end(quotations)
-                     ? errors(602, no_data)
-                     : "<ResultGet>" + element("MonId", currency) + element("MonCotiz", found->second) +
-                           element("FchCotiz", format_argentina_date(WallClock::now())) + "</ResultGet>";
-    } else if (name == "FECompTotXRequest") {
-        result = element("RegXReq", records_per_request);
-    } else if (name == "FEParamGetPtosVenta") {
-        result = points_of_sale(cuit);
-    } else if (name == "FECompUltimoAutorizado") {
-        result = last_authorised(operation, cuit);
-    } else if (name == "FECAESolicitar") {
-        result = authorise(operation, cuit);
     } else {
-        result = consult(operation, cuit);
+        result = (this->*handler->second)(operation, cuit);
     }
     if (result.empty())
         return unreadable(name);
@@ -274,7 +246,34 @@ Reply InvoicingService::operate(const std::string& name, const pugi::xml_node& o
     return operation_reply(name, result, "cuit=" + cuit + " -> " + outcome);
 }
 
-std::string InvoicingService::points_of_sale(const std::string& cuit)
+std::string InvoicingService::receiver_conditions(const pugi::xml_node& operation, const std::string&)
+{
+    const std::string voucher_class = text_by_local_name(operation, {"ClaseCmp"});
+    std::string conditions;
+    for (const auto& condition : receiver_condition_table)
+        if (voucher_class.empty() || std::string(condition[2]).find(voucher_class) != std::string::npos)
+            conditions += "<CondicionIvaReceptor>" + element("Id", condition[0]) + element("Desc", condition[1]) +
+                          element("Cmp_Clase", condition[2]) + "</CondicionIvaReceptor>";
+    return conditions.empty() ? errors(602, no_data) : "<ResultGet>" + conditions + "</ResultGet>";
+}
+
+std::string InvoicingService::quotation(const pugi::xml_node& operation, const std::string&)
+{
+    const std::string currency = text_by_local_name(operation, {"MonId"});
+    const auto found = std::find_if(std::begin(quotations), std::end(quotations),
+                                    [&](const auto& quotation) { return currency == quotation.first; });
+    if (found == std::end(quotations))
+        return errors(602, no_data);
+    return "<ResultGet>" + element("MonId", currency) + element("MonCotiz", found->second) +
+           element("FchCotiz", format_argentina_date(WallClock::now())) + "</ResultGet>";
+}
+
+std::string InvoicingService::records_per_request(const pugi::xml_node&, const std::string&)
+{
+    return element("RegXReq", most_records_per_request);
+}
+
+std::string InvoicingService::points_of_sale(const pugi::xml_node&, const std::string& cuit)
 {
     std::set<long long> points{1};
     {

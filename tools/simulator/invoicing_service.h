@@ -34,10 +34,15 @@ private:
     };
 
     Reply operate(const std::string& name, const pugi::xml_node& operation);
+    // Each operation's result from its request element and the Auth's CUIT; empty when the request
+    // lacks a number the operation needs.
     std::string last_authorised(const pugi::xml_node& operation, const std::string& cuit);
     std::string authorise(const pugi::xml_node& operation, const std::string& cuit);
     std::string consult(const pugi::xml_node& operation, const std::string& cuit);
-    std::string points_of_sale(const std::string& cuit);
+    std::string points_of_sale(const pugi::xml_node& operation, const std::string& cuit);
+    std::string receiver_conditions(const pugi::xml_node& operation, const std::string& cuit);
+    std::string quotation(const pugi::xml_node& operation, const std::string& cuit);
+    std::string records_per_request(const pugi::xml_node& operation, const std::string& cuit);
 
     const TicketRegistry& m_tickets;
     std::mutex m_mutex;

@@ -121,7 +121,7 @@ void write_port_file(const std::string& path, int port)
 int make_certificate_file(const Options& options)
 {
     constexpr std::chrono::hours day{24};
-    const std::string serial_number = options.certificate_cuit.empty() ? "" : "CUIT " + options.certificate_cuit;
+    const std::string serial_number = "CUIT " + options.certificate_cuit;
     const Identity identity =
         options.certificate_expired
             ? make_self_signed_identity(options.certificate_common_name, -366 * day, -1 * day, "", serial_number)

@@ -46,11 +46,13 @@ class TarvoAfipError(Exception):
     """A non-zero result code; `answer` and `log` hold what the library kept (maybe nothing)."""
 
     def __init__(self, result, answer=b"", log=b""):
-        self.result = Result(result) if result in Result._value2member_map_ else result
+        try:
+            self.result = Result(result)
+        except ValueError:
+            self.result = result
         self.answer = answer
         self.log = log
-        name = self.result.name if isinstance(self.result, Result) else "unknown"
-        super().__init__("libtarvoafipdriver result %d (%s)" % (result, name))
+        super().__init__("libtarvoafipdriver result %d (%s)" % (result, getattr(self.result, "name", "unknown")))
 
 
 def _library_path(path):
