@@ -10,6 +10,9 @@
 namespace {
 
 const char fev1_namespace[] = "http://ar.gov.afip.dif.FEV1/";
+const char envelope_start[] =
+    "<?xml version=\"1.0\" encoding=\"utf-8\"?><soap:Envelope xmlns:soap=\"http://schemas.xmlsoap.org/soap/envelope/\" "
+    "xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\">";
 
 // Small tables of AFIP's own codes: Id and Desc, valid from FchDesde with no end ("NULL").
 struct ParameterTable {
@@ -68,9 +71,7 @@ Reply operation_reply(const std::string& operation, const std::string& result, c
 {
     const WallClock::time_point now = WallClock::now();
     Reply reply;
-    reply.body = "<?xml version=\"1.0\" encoding=\"utf-8\"?><soap:Envelope xmlns:soap=\"http://schemas.xmlsoap.org/"
-                 "soap/envelope/\" xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" xmlns:xsd=\"http://"
-                 "www.w3.org/2001/XMLSchema\"><soap:Header><FEHeaderInfo xmlns=\"" + std::string(fev1_namespace) +
+    reply.body = std::string(envelope_start) + "<soap:Header><FEHeaderInfo xmlns=\"" + fev1_namespace +
                  "\"><ambiente>HomologacionExterno - afip_simulator</ambiente>" +
                  element("fecha", format_argentina_time(now)) + "<id>1.0.0</id></FEHeaderInfo></soap:Header>"
                  "<soap:Body><" + operation + "Response xmlns=\"" + fev1_namespace + "\"><" + operation + "Result>" +
@@ -83,9 +84,7 @@ Reply fault(const char* code, const std::string& text, const std::string& summar
 {
     Reply reply;
     reply.status = 500;
-    reply.body = "<?xml version=\"1.0\" encoding=\"utf-8\"?><soap:Envelope xmlns:soap=\"http://schemas.xmlsoap.org/"
-                 "soap/envelope/\" xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" xmlns:xsd=\"http://"
-                 "www.w3.org/2001/XMLSchema\"><soap:Body><soap:Fault>" + element("faultcode", code) +
+    reply.body = std::string(envelope_start) + "<soap:Body><soap:Fault>" + element("faultcode", code) +
                  element("faultstring", text) + "<detail /></soap:Fault></soap:Body></soap:Envelope>";
     reply.summary = summary + " -> fault " + code + ": " + text;
     return reply;
@@ -173,17 +172,18 @@ InvoicingService::InvoicingService(const TicketRegistry& tickets) : m_tickets(ti
 
 Reply InvoicingService::handle(const std::string& request_body, const std::optional<std::string>& soap_action)
 {
+    const auto unrecognised = [](const std::string& action, const std::string& summary) {
+        return fault("soap:Client", "Server did not recognize the value of HTTP Header SOAPAction: " + action + ".", summary);
+    };
     std::string name;
     if (soap_action) {
         std::string action = *soap_action;
         if (action.size() >= 2 && action.front() == '"' && action.back() == '"')
             action = action.substr(1, action.size() - 2);
-        const std::string prefix = std::string(fev1_namespace);
-        if (action.rfind(prefix, 0) == 0 && is_wsfev1_operation(action.substr(prefix.size())))
-            name = action.substr(prefix.size());
-        else
-            return fault("soap:Client", "Server did not recognize the value of HTTP Header SOAPAction: " + action + ".",
-                         "SOAPAction " + action);
+        const std::string prefix = fev1_namespace;
+        if (action.rfind(prefix, 0) != 0 || !is_wsfev1_operation(action.substr(prefix.size())))
+            return unrecognised(action, "SOAPAction " + action);
+        name = action.substr(prefix.size());
     }
     pugi::xml_document document;
     const pugi::xml_parse_result parsed = document.load_buffer(request_body.data(), request_body.size());
@@ -191,10 +191,10 @@ Reply InvoicingService::handle(const std::string& request_body, const std::optio
     if (!parsed || !operation)
         return unreadable("(unreadable)");
     if (name.empty()) {
+        // Without the header the body names the operation, as if its action had been sent.
         name = local_name(operation);
         if (!is_wsfev1_operation(name))
-            return fault("soap:Client", "Server did not recognize the value of HTTP Header SOAPAction: " +
-                                            std::string(fev1_namespace) + name + ".", name);
+            return unrecognised(fev1_namespace + name, name);
     }
     return operate(name, operation);
 }
