@@ -19,6 +19,8 @@
 set -euo pipefail
 
 source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+# shellcheck source=scripts/debian-root.sh
+. "$source_dir/scripts/debian-root.sh"
 root=${TARVO_I386_ROOT:-/var/cache/tarvoafip/i386-bookworm}
 mirror=${TARVO_I386_MIRROR:-http://deb.debian.org/debian}
 out_dir=${TARVO_I386_OUT:-$source_dir/build-i386}
@@ -26,21 +28,13 @@ jobs=${TARVO_JOBS:-2}
 suite=bookworm
 marker=$root/.tarvo-root-complete
 
-log() { printf '== %s\n' "$*" >&2; }
-die() { printf 'build-i386: %s\n' "$*" >&2; exit 1; }
-
-[ "$(id -u)" -eq 0 ] || die "must run as root (debootstrap, chroot and mount need it)"
+require_root
 case $root in
   /|"") die "refusing root directory '$root'" ;;
   "$source_dir"|"$source_dir"/*) die "the root must live outside the checkout" ;;
 esac
 
-# A private mount namespace drops every mount even if this script is killed;
-# the trap below still unmounts in the normal case and where unshare is unavailable.
-if [ -z "${TARVO_I386_IN_NAMESPACE:-}" ] && unshare --mount --propagation private true 2>/dev/null; then
-  export TARVO_I386_IN_NAMESPACE=1
-  exec unshare --mount --propagation private bash "${BASH_SOURCE[0]}" "$@"
-fi
+enter_private_mounts "$@"
 
 # What building and testing need, from the install script so that the two stay in step.
 mapfile -t packages < <("$source_dir/scripts/install-deps.sh" --list tests)
@@ -57,17 +51,6 @@ mkdir -p "$(dirname "$root")"
 exec 9>"$root.lock"
 flock 9 || die "cannot lock $root.lock"
 
-mounted=()
-cleanup() {
-  local i
-  for ((i = ${#mounted[@]} - 1; i >= 0; i--)); do
-    umount "${mounted[i]}" 2>/dev/null || umount -l "${mounted[i]}" 2>/dev/null || true
-  done
-  mounted=()
-}
-trap cleanup EXIT
-trap 'exit 130' INT TERM
-
 # Anything still mounted below the root (a killed run without a namespace).
 unmount_stale() {
   local target
@@ -76,28 +59,7 @@ unmount_stale() {
   done < <(awk -v r="$root/" 'index($2, r) == 1 { print $2 }' /proc/self/mounts | sort -r)
 }
 
-bind() { # bind SOURCE TARGET [ro]
-  mkdir -p "$2"
-  mount --bind "$1" "$2"
-  mounted+=("$2")
-  if [ "${3:-}" = ro ]; then
-    mount -o remount,bind,ro "$2"
-  fi
-}
-
-mount_system() {
-  bind /proc "$root/proc"
-  bind /dev "$root/dev"
-  bind /dev/pts "$root/dev/pts"
-  if [ -d /dev/shm ]; then bind /dev/shm "$root/dev/shm"; fi
-}
-
-in_root() {
-  chroot "$root" /usr/bin/env -i \
-    PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
-    HOME=/root LANG=C.UTF-8 DEBIAN_FRONTEND=noninteractive TARVO_AFIP_REFERENCE=/afip-reference \
-    ${CI:+CI=$CI} ${TZ:+TZ=$TZ} "$@"
-}
+root_env=(TARVO_AFIP_REFERENCE=/afip-reference ${CI:+CI=$CI} ${TZ:+TZ=$TZ})
 
 unmount_stale
 
@@ -110,13 +72,7 @@ if [ ! -f "$marker" ]; then
   debootstrap --arch=i386 --variant=minbase "$suite" "$root" "$mirror"
 fi
 
-# Keep daemons from starting while packages install (tinyproxy would otherwise).
-printf '#!/bin/sh\nexit 101\n' >"$root/usr/sbin/policy-rc.d"
-chmod 755 "$root/usr/sbin/policy-rc.d"
-cp /etc/resolv.conf "$root/etc/resolv.conf" 2>/dev/null || true
-grep -qs '^127\.0\.0\.1[[:space:]].*localhost' "$root/etc/hosts" ||
-  printf '127.0.0.1\tlocalhost\n::1\tlocalhost ip6-localhost ip6-loopback\n' >>"$root/etc/hosts"
-
+prepare_root
 mount_system
 
 missing=()

@@ -9,37 +9,23 @@
 # copy of it and removes that copy at the end.
 set -euo pipefail
 source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+# shellcheck source=scripts/debian-root.sh
+. "$source_dir/scripts/debian-root.sh"
 arch=${1:?usage: check-packages.sh amd64|i386 [PACKAGE_DIRECTORY]}
 packages=$(cd "${2:-$source_dir/packages}" && pwd)
 cache=${TARVO_CLEAN_ROOT_CACHE:-/var/cache/tarvoafip}
 mirror=${TARVO_I386_MIRROR:-http://deb.debian.org/debian}
 pristine=$cache/clean-$arch.tar
 
-log() { printf '== %s\n' "$*" >&2; }
-die() { printf 'check-packages: %s\n' "$*" >&2; exit 1; }
-[ "$(id -u)" -eq 0 ] || die "must run as root (debootstrap, chroot and mount need it)"
+require_root
 ls "$packages"/*_"$arch".deb >/dev/null 2>&1 || die "no $arch packages in $packages (scripts/package.sh makes them)"
 
-if [ -z "${TARVO_IN_NAMESPACE:-}" ] && unshare --mount --propagation private true 2>/dev/null; then
-  export TARVO_IN_NAMESPACE=1
-  exec unshare --mount --propagation private bash "${BASH_SOURCE[0]}" "$@"
-fi
+enter_private_mounts "$@"
 command -v debootstrap >/dev/null || "$source_dir/scripts/install-deps.sh" package
 
 root=$(mktemp -d /tmp/tarvo-clean-"$arch".XXXXXX)
-mount_system() { for point in proc dev dev/pts; do mount --bind "/$point" "$root/$point"; done; }
-unmount_system() {
-  for point in dev/pts dev proc; do umount "$root/$point" 2>/dev/null || umount -l "$root/$point" 2>/dev/null || true; done
-}
-cleanup() {
-  unmount_system
-  rm -rf --one-file-system "$root"
-}
-trap cleanup EXIT
-in_root() {
-  chroot "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LANG=C.UTF-8 \
-    DEBIAN_FRONTEND=noninteractive TZ='<-03>3' "$@"
-}
+trap 'unmount_all; rm -rf --one-file-system "$root"' EXIT
+root_env=(TZ='<-03>3')
 
 mkdir -p "$cache"
 exec 9>"$pristine.lock"
@@ -47,20 +33,19 @@ flock 9
 if [ ! -f "$pristine" ]; then
   log "making the pristine $arch root once"
   debootstrap --arch="$arch" --variant=minbase bookworm "$root" "$mirror" >/dev/null
-  cp /etc/resolv.conf "$root/etc/resolv.conf"
-  printf '#!/bin/sh\nexit 101\n' >"$root/usr/sbin/policy-rc.d" && chmod 755 "$root/usr/sbin/policy-rc.d"
+  prepare_root
   mount_system
   in_root apt-get update -qq
   in_root apt-get install -y -qq --no-install-recommends gcc libc6-dev cmake make pkg-config >/dev/null
   in_root apt-get clean
-  unmount_system
+  unmount_all
   tar -C "$root" -cf "$pristine.partial" . && mv "$pristine.partial" "$pristine"
   rm -rf --one-file-system "$root" && mkdir "$root"
 fi
 flock -u 9
 log "a fresh $arch root from $pristine"
 tar -C "$root" -xf "$pristine"
-cp /etc/resolv.conf "$root/etc/resolv.conf"
+prepare_root
 mount_system
 
 log "installing the packages: $(cd "$packages" && echo *_"$arch".deb)"
