@@ -1,5 +1,6 @@
 #include "tarvoafipdriver.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <sstream>
@@ -33,6 +34,18 @@ int32_t m_security_level;
 uint32_t m_time_out;
 
 const char content_type_header[] = "Content-Type: text/xml;charset=UTF-8";
+
+// Verification is the host's choice, made through the environment so that the twelve functions
+// stay as they are: TARVO_TLS_VERIFY set and not "0" turns it on, TARVO_CA_FILE names the trust.
+// Read on every call, so a host may change its mind between calls.
+void apply_tls_verification(EasyHTTP& http)
+{
+    const char* verify = std::getenv("TARVO_TLS_VERIFY");
+    if (verify == nullptr || *verify == '\0' || std::strcmp(verify, "0") == 0)
+        return;
+    const char* ca_file = std::getenv("TARVO_CA_FILE");
+    http.verify_peer(ca_file != nullptr ? ca_file : "");
+}
 
 int32_t copy_out(const std::string& stored, char* buffer, uint32_t buffer_length, uint32_t* data_size)
 {
@@ -190,6 +203,7 @@ int32_t SendSOAP(const char* request)
         http->set_proxy(m_proxy_url, m_proxy_username, m_proxy_password);
     if (m_time_out != 0)
         http->set_time_out(m_time_out);
+    apply_tls_verification(*http);
 
     // Released, not just cleared: a large earlier answer must not linger through this call.
     std::string().swap(curl_log);

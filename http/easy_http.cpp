@@ -81,7 +81,8 @@ EasyHTTP::EasyHTTP(std::string url)
     curl_easy_setopt(m_curl, CURLOPT_DEBUGFUNCTION, &EasyHTTP::trace_static_func);
     curl_easy_setopt(m_curl, CURLOPT_DEBUGDATA, this);
     curl_easy_setopt(m_curl, CURLOPT_VERBOSE, 1L);
-    // AFIP's hosts still offer DH parameters below OpenSSL 3's default security level.
+    // AFIP's hosts still offer DH parameters below OpenSSL 3's default security level; the
+    // level only concerns key sizes and is independent of verify_peer.
     curl_easy_setopt(m_curl, CURLOPT_SSL_CIPHER_LIST, "DEFAULT@SECLEVEL=1");
 }
 
@@ -132,6 +133,16 @@ void EasyHTTP::set_proxy(std::string proxy_url, std::string proxy_username, std:
         curl_easy_setopt(m_curl, CURLOPT_PROXYUSERNAME, proxy_username.c_str());
     if (!proxy_password.empty())
         curl_easy_setopt(m_curl, CURLOPT_PROXYPASSWORD, proxy_password.c_str());
+}
+
+void EasyHTTP::verify_peer(const std::string& ca_file)
+{
+    if (m_curl == nullptr)
+        return;
+    curl_easy_setopt(m_curl, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_easy_setopt(m_curl, CURLOPT_SSL_VERIFYHOST, 2L);
+    if (!ca_file.empty())
+        curl_easy_setopt(m_curl, CURLOPT_CAINFO, ca_file.c_str());
 }
 
 int32_t EasyHTTP::send_post_request(std::string url, std::string body)

@@ -41,6 +41,9 @@ public:
     uint32_t get_timeout() const;
     void set_security(tls_security_level_t level);
     void set_proxy(std::string proxy_url, std::string proxy_username, std::string proxy_password);
+    // Checks the server's certificate chain and host name from now on, against the PEM
+    // certificates in ca_file, or the system's store when it is empty.
+    void verify_peer(const std::string& ca_file);
 
     // Returns the server's status, or 408 (time-out), 525 (TLS handshake), 522 (other failure).
     int32_t send_post_request(std::string url, std::string body);

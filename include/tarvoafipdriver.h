@@ -7,6 +7,11 @@
  *
  * All state is process-wide and unlocked: serialise every call into the library.
  *
+ * Servers' certificates and host names are not verified unless the environment asks for it,
+ * read at every SendSOAP: TARVO_TLS_VERIFY=1 verifies both exchanges, TARVO_CA_FILE=PATH names
+ * the PEM certificates to trust (default: the system's store). A refused server gives
+ * AFIP_WSAA_HTTP_FAILURE at the login, AFIP_RESPONSE_NOT_XML at the service.
+ *
  * Buffer protocol of ReceivedSOAP and GetVerboseTransfer:
  *   - buffer_length == 0: *data_size receives the stored size; buffer is not touched (may be NULL).
  *   - buffer_length <  size: returns AFIP_BUFFER_TOO_SMALL; neither buffer nor *data_size is written.
