@@ -2,6 +2,7 @@
 of AFIP's published WSDLs, logins are signed with openssl."""
 import base64
 import copy
+import http.client
 import os
 import signal
 import tempfile
@@ -66,15 +67,119 @@ def text(node, path):
     return node.findtext(".//" + "/".join("{%s}%s" % (FEV1, step) for step in path.split("/")))
 
 
-def voucher(number):
-    return ("<ar:FeCAEReq><ar:FeCabReq><ar:CantReg>1</ar:CantReg><ar:PtoVta>3</ar:PtoVta><ar:CbteTipo>6</ar:CbteTipo>"
-            "</ar:FeCabReq><ar:FeDetReq><ar:FECAEDetRequest><ar:Concepto>1</ar:Concepto><ar:DocTipo>99</ar:DocTipo>"
-            "<ar:DocNro>0</ar:DocNro><ar:CbteDesde>%d</ar:CbteDesde><ar:CbteHasta>%d</ar:CbteHasta>"
-            "<ar:ImpTotal>121</ar:ImpTotal><ar:ImpTotConc>0</ar:ImpTotConc><ar:ImpNeto>100</ar:ImpNeto>"
-            "<ar:ImpOpEx>0</ar:ImpOpEx><ar:ImpTrib>0</ar:ImpTrib><ar:ImpIVA>21</ar:ImpIVA><ar:MonId>PES</ar:MonId>"
-            "<ar:MonCotiz>1</ar:MonCotiz><ar:Iva><ar:AlicIva><ar:Id>5</ar:Id><ar:BaseImp>100</ar:BaseImp>"
-            "<ar:Importe>21</ar:Importe></ar:AlicIva></ar:Iva></ar:FECAEDetRequest></ar:FeDetReq></ar:FeCAEReq>"
-            % (number, number))
+def day(offset):
+    """Argentina's date `offset` days from today, as yyyymmdd."""
+    return time.strftime("%Y%m%d", time.gmtime(time.time() - 3 * 3600 + offset * 86400))
+
+
+def alic(*rates):
+    return "".join("<ar:AlicIva><ar:Id>%s</ar:Id><ar:BaseImp>%s</ar:BaseImp><ar:Importe>%s</ar:Importe></ar:AlicIva>" % r
+                   for r in rates)
+
+
+def trib(tax_id, amount):
+    return ("<ar:Tributo><ar:Id>%s</ar:Id><ar:BaseImp>100</ar:BaseImp><ar:Alic>5</ar:Alic><ar:Importe>%s</ar:Importe>"
+            "</ar:Tributo>" % (tax_id, amount))
+
+
+# A Factura B of 100 + 21 % to a final consumer, field by field in the schema's order; None leaves a field out.
+DETAIL = [("Concepto", "1"), ("DocTipo", "99"), ("DocNro", "0"), ("CbteDesde", "1"), ("CbteHasta", "1"), ("CbteFch", None),
+          ("ImpTotal", "121"), ("ImpTotConc", "0"), ("ImpNeto", "100"), ("ImpOpEx", "0"), ("ImpTrib", "0"), ("ImpIVA", "21"),
+          ("FchServDesde", None), ("FchServHasta", None), ("FchVtoPago", None), ("MonId", "PES"), ("MonCotiz", "1"),
+          ("CondicionIVAReceptorId", "5"), ("CbtesAsoc", None), ("Tributos", None), ("Iva", alic((5, 100, 21))),
+          ("PeriodoAsoc", None)]
+ASSOCIATED = "<ar:CbteAsoc><ar:Tipo>6</ar:Tipo><ar:PtoVta>1</ar:PtoVta><ar:Nro>1</ar:Nro></ar:CbteAsoc>"
+SERVICE = {"Concepto": "2", "FchServDesde": day(0), "FchServHasta": day(0), "FchVtoPago": day(0)}
+C = {"CbteTipo": "11", "ImpIVA": "0", "ImpTotal": "100", "Iva": None}
+A = {"CbteTipo": "1", "DocTipo": "80", "CondicionIVAReceptorId": "1"}
+
+
+def invoice(point_of_sale, count=1, operation="FECAESolicitar", **changes):
+    """A FECAESolicitar (or FECAEARegInformativo) body of `count` vouchers numbered from CbteDesde."""
+    header = {"CantReg": str(count), "PtoVta": str(point_of_sale), "CbteTipo": "6"}
+    header.update((k, changes.pop(k)) for k in list(changes) if k in header)
+    first, caea = int(changes.pop("CbteDesde", "1")), operation != "FECAESolicitar"
+    tag = lambda name, content: "<ar:%s>%s</ar:%s>" % (name, content, name)
+    details = "".join(tag("FECAEADetRequest" if caea else "FECAEDetRequest", "".join(
+        tag(k, v) for k, v in dict(DETAIL + [("CAEA", None)], CbteDesde=n, CbteHasta=n, **changes).items() if v is not None))
+        for n in range(first, first + count))
+    return tag("FeCAEARegInfReq" if caea else "FeCAEReq", tag("FeCabReq", "".join(tag(k, header[k]) for k in (
+        "CantReg", "PtoVta", "CbteTipo"))) + tag("FeDetReq", details))
+
+
+def observations(result):
+    return [(o.findtext("{%s}Code" % FEV1), o.findtext("{%s}Msg" % FEV1)) for o in result.iter("{%s}Obs" % FEV1)]
+
+
+# (voucher changes, code, kind, message): AFIP's message whole, the simulator's own by its start ("…").
+RULES = [
+    ({"CantReg": "0"}, 10001, "Err", "El campo CantReg debe estar…"),
+    ({"CantReg": "2"}, 10002, "Err", "Campo CantReg debe ser igual a lo informado en detalle. Informado: 2, Enviado: 1"),
+    ({"count": 251}, 10003, "Err", "La cantidad de comprobantes del lote…"),
+    ({"CbteDesde": "2"}, 10016, "Err", "El numero o fecha del comprobante no se corresponde con el proximo a autorizar. "
+     "Consultar metodo FECompUltimoAutorizado."),
+    ({"CbteFch": day(-6)}, 10016, "R", "Campo CbteFch Debe estar comprendido  en el  rango  N-5 y N+5 siendo N la fecha de "
+     "envio del pedido  de autorizacion para 1 - Productos"),
+    (dict(SERVICE, CbteFch=day(11)), 10016, "R", "Campo CbteFch Debe estar comprendido  en el  rango  N-10 y N+10…"),
+    ({"CbteTipo": "208", "CbteFch": day(1), "CbtesAsoc": ASSOCIATED}, 10016, "R", "Campo CbteFch Debe estar comprendido  en "
+     "el  rango  N-5 y N siendo N la fecha de envio del pedido de autorizacion para Facturas de Credito del tipo Nota de "
+     "Debito o Nota de Credito"),
+    ({"Concepto": "3"}, 10049, "R", "Si el Concepto es 2 o 3…"),
+    (dict(SERVICE, FchServDesde=None), 10031, "R", "El campo FchServDesde es obligatorio…"),
+    (dict(SERVICE, FchServHasta=None), 10033, "R", "El campo FchServHasta es obligatorio…"),
+    (dict(SERVICE, FchVtoPago="2026-1-1"), 10034, "R", "Las fechas FchServDesde, FchServHasta y FchVtoPago…"),
+    (dict(SERVICE, FchVtoPago=None), 10035, "R", "El campo FchVtoPago es obligatorio…"),
+    (dict(SERVICE, FchServDesde=day(1)), 10032, "R", "El campo FchServDesde no puede ser posterior…"),
+    (dict(SERVICE, FchVtoPago=day(-1)), 10036, "R", "El campo FchVtoPago no puede ser anterior…"),
+    ({"ImpTotal": "121.02"}, 10048, "R", "El campo  'Importe Total' ImpTotal, debe ser igual  a la  suma de ImpTotConc + "
+     "ImpNeto + ImpOpEx + ImpTrib + ImpIVA."),
+    ({"ImpTotal": "120.99"}, None, "A", None),
+    (dict(C, ImpTotal="100.02"), 10048, "R", "El campo  'Importe Total' ImpTotal, debe ser igual  a la  suma de ImpNeto + "
+     "ImpTrib. Donde ImpNeto es igual al Sub Total"),
+    ({"Iva": None}, 10018, "R", "Si ImpIva es mayor a 0 el objeto Iva y AlicIva son obligatorios."),
+    ({"ImpIVA": "0", "ImpTotal": "100", "Iva": alic((4, 100, 0))}, 10018, "R",
+     "Si ImpIva es igual a 0 el objeto Iva y AlicIva son obligatorios. Id iva = 3 (iva 0)"),
+    ({"Iva": alic((5, 100, 21), (3, 0, 0.05))}, 10023, "R", "La suma de los campos Importe en AlicIva…"),
+    ({"Iva": alic((5, 90, 18.9), (3, 10.03, 0))}, 10061, "R", "La suma de los campos BaseImp en AlicIva…"),
+    ({"ImpTotal": "120", "ImpIVA": "20", "Iva": alic((5, 100, 20))}, 10051, "R",
+     "Los importes informados en AlicIVA no se corresponden con los porcentajes."),
+    ({"ImpIVA": "0", "ImpNeto": "0.5", "ImpTotal": "0.5", "Iva": None}, 10070, "R",
+     "Si ImpNeto es mayor a 0 el objeto IVA es obligatorio."),
+    (dict(C, Iva=""), 10071, "R", "Para comprobantes tipo C el objeto IVA no debe informarse."),
+    (dict(C, ImpOpEx="5", ImpNeto="95"), 10044, "R",
+     "El campo ImpOpEx (importe exento) para comprobantes tipo C debe ser igual a cero (0)."),
+    (dict(C, ImpTotConc="5", ImpNeto="95"), 10043, "R", "El campo ImpTotConc (importe neto no gravado)…"),
+    (dict(C, ImpIVA="21", ImpTotal="121"), 10047, "R", "El campo ImpIVA (Importe de IVA) para comprobantes tipo C…"),
+    ({"ImpTrib": "5", "ImpTotal": "126"}, 10024, "R", "Si ImpTrib es mayor a 0 el objeto Tributos y Tributo son obligatorios."),
+    ({"Tributos": ""}, 10024, "R", "Si ImpTrib es igual a 0 el objeto Tributos y Tributo no deben informarse."),
+    ({"ImpTrib": "5", "ImpTotal": "126", "Tributos": trib(77, 5)}, 10025, "R", "El campo Id en Tributo es obligatorio y "
+     "debe ser alguno de los devueltos por el metodo FEParamGetTiposTributos."),
+    ({"ImpTrib": "5", "ImpTotal": "126", "Tributos": trib(99, 4.98)}, 10029, "R",
+     "La suma de los importes en Tributo debe ser igual al valor ingresado en ImpTrib."),
+    (dict(A, DocTipo="96", DocNro="30111222"), 10013, "R", "Para comprobantes clase A el campo DocTipo…"),
+    ({"DocTipo": "80", "DocNro": "20402908323"}, 10015, "R", "Factura B (CbteDesde igual a CbteHasta), DocTipo: 80, DocNro "
+     "20402908323 no se encuentra registrado en los padrones de AFIP y no corresponde a una cuit pais."),
+    (dict(C, DocTipo="86", DocNro="20402908323"), 10015, "R", "Comprobante C (CbteDesde igual a CbteHasta), DocTipo: 86…"),
+    ({"ImpTotal": "10000000", "ImpNeto": "8264462.81", "ImpIVA": "1735537.19", "Iva": alic((5, 8264462.81, 1735537.19))}, 10015,
+     "R", "Factura B: desde $10.000.000…"),
+    (dict(A, DocNro="20000000001"), 10017, "A",
+     "Factura individual, DocTipo: 80, DocNro 20000000001 no se encuentra registrado en los padrones de AFIP."),
+    (dict(A, DocNro="30711111111"), 10063, "A", "El receptor del comprobante no se encuentra activo…"),
+    (dict(A, DocNro="20222222223", CondicionIVAReceptorId="6"), 10217, "A", "El credito fiscal discriminado en el presente "
+     "comprobante solo podra ser computado a efectos del Procedimiento permanente de transicion al Regimen General."),
+    ({"DocTipo": "80", "DocNro": CUIT}, 10069, "R", "El campo DocNro no puede ser igual a la CUIT del emisor."),
+    ({"MonId": "XYZ"}, 10037, "R", "El campo MonId debe ser alguno…"),
+    ({"MonId": "DOL", "MonCotiz": None}, 10038, "R", "El campo MonCotiz es obligatorio…"),
+    ({"MonCotiz": "2"}, 10039, "R", "Si MonId es PES el campo MonCotiz debe ser igual a 1."),
+    ({"CbteTipo": "8"}, 10197, "R", "Si el comprobante es Debito o Credito, enviar estructura CbteAsoc o PeriodoAsoc."),
+    ({"CbteTipo": "8", "PeriodoAsoc": "<ar:FchDesde>%s</ar:FchDesde>" % day(-30)}, None, "A", None),
+    ({"CondicionIVAReceptorId": "99"}, 10242, "R",
+     "El campo Condicion IVA receptor no es un valor valido. Consular metodo FEParamGetCondicionIvaReceptor"),
+    ({"CondicionIVAReceptorId": "1"}, 10243, "R", "El campo Condicion IVA receptor no corresponde…"),
+    ({"CondicionIVAReceptorId": None}, 10245, "A", "El campo Condicion Frente al IVA del receptor resultara obligatorio "
+     "conforme lo reglamentado por la Resolucion General Nro 5616. Para mas informacion consular metodo "
+     "FEParamGetCondicionIvaReceptor"),
+]
 
 
 class Login(unittest.TestCase):
@@ -122,12 +227,13 @@ class Login(unittest.TestCase):
             self.assertEqual(login(simulator, "wsfex")[0], 200, "another service is not refused")
 
     def test_relogin_is_refused_only_within_the_window(self):
-        with Simulator("--refuse-relogin-seconds", "1") as simulator, tempfile.TemporaryDirectory() as work:
+        # A window wide enough for a slow machine (emulation) to log in again within it.
+        with Simulator("--refuse-relogin-seconds", "5") as simulator, tempfile.TemporaryDirectory() as work:
             send = lambda: run(cli_command(simulator), cwd=work).returncode
             self.assertEqual(send(), 0)
             os.remove(os.path.join(work, "credentials.json"))
             self.assertEqual(send(), 9)
-            time.sleep(2)
+            time.sleep(5)
             self.assertEqual(send(), 0)
             self.assertEqual(len(simulator.requests("/ws/services/LoginCms")), 3)
 
@@ -151,7 +257,7 @@ class Login(unittest.TestCase):
 
 class Invoicing(unittest.TestCase):
     def setUp(self):
-        self.simulator = self.enterContext(Simulator("--ticket-seconds", "3"))
+        self.simulator = self.enterContext(Simulator())
         ticket = ticket_of(login(self.simulator)[1])
         self.credentials = (ticket.findtext("credentials/token"), ticket.findtext("credentials/sign"))
 
@@ -175,6 +281,10 @@ class Invoicing(unittest.TestCase):
             "FEParamGetCondicionIvaReceptor": ("<ar:ClaseCmp>B</ar:ClaseCmp>", "CondicionIvaReceptor/Id", "4"),
             "FEParamGetCotizacion": ("<ar:MonId>DOL</ar:MonId>", "MonId", "DOL"),
             "FECompUltimoAutorizado": ("<ar:PtoVta>3</ar:PtoVta><ar:CbteTipo>6</ar:CbteTipo>", "CbteNro", "0"),
+            "FEParamGetTiposOpcional": ("", "OpcionalTipo/Id", "22"),
+            "FEParamGetTiposPaises": ("", "PaisTipo/Id", "200"),
+            "FEParamGetActividades": ("", "ActividadesTipo/Orden", "1"),
+            "FECAEASolicitar": ("<ar:Periodo>202612</ar:Periodo><ar:Orden>2</ar:Orden>", "FchVigHasta", "20261231"),
         }
         for operation, (content, path, expected) in answers.items():
             result = self.call(operation, content)
@@ -182,11 +292,13 @@ class Invoicing(unittest.TestCase):
             self.assertIsNone(text(result, "Errors/Err/Code"), operation)
         for operation, content, code in (("FEParamGetCotizacion", "<ar:MonId>XXX</ar:MonId>", "602"),
                                          ("FECompConsultar", "<ar:FeCompConsReq><ar:CbteTipo>6</ar:CbteTipo><ar:CbteNro>9"
-                                                             "</ar:CbteNro><ar:PtoVta>3</ar:PtoVta></ar:FeCompConsReq>", "602")):
+                                                             "</ar:CbteNro><ar:PtoVta>3</ar:PtoVta></ar:FeCompConsReq>", "602"),
+                                         ("FECAEAConsultar", "<ar:Periodo>202601</ar:Periodo><ar:Orden>1</ar:Orden>", "602"),
+                                         ("FECAEASinMovimientoConsultar", "<ar:PtoVta>0</ar:PtoVta>", "602")):
             self.assertEqual(text(self.call(operation, content), "Errors/Err/Code"), code, operation)
 
     def test_authorising_consulting_and_refusing_a_wrong_number(self):
-        _, approved, answer = fev1(self.simulator, "FECAESolicitar", voucher(1), self.credentials)
+        _, approved, answer = fev1(self.simulator, "FECAESolicitar", invoice(3), self.credentials)
         header = etree.fromstring(answer).find(SOAP + "Header/{%s}FEHeaderInfo" % FEV1)
         self.assertEqual([child.tag.split("}")[1] for child in header], ["ambiente", "fecha", "id"])
         self.assertRegex(header.findtext("{*}fecha"), r"T\d\d:\d\d:\d\d.*-03:00$")
@@ -203,7 +315,7 @@ class Invoicing(unittest.TestCase):
                               "CbteNro"), "1")
         self.assertIn("3", [n.text for n in self.call("FEParamGetPtosVenta").iter("{%s}Nro" % FEV1)])
 
-        refused = self.call("FECAESolicitar", voucher(1))
+        refused = self.call("FECAESolicitar", invoice(3))
         self.assertEqual((text(refused, "FeCabResp/Resultado"), text(refused, "FECAEDetResponse/Resultado")), ("R", "R"))
         self.assertEqual((text(refused, "FECAEDetResponse/CAE"), text(refused, "FECAEDetResponse/CAEFchVto")), ("", ""))
         self.assertIsNone(text(refused, "Observaciones"))
@@ -220,9 +332,14 @@ class Invoicing(unittest.TestCase):
         self.assertEqual([text(refused, name) for name in ("PtoVta", "CbteTipo", "CbteNro")], ["0", "0", "0"])
         self.assertEqual(text(self.call("FEParamGetTiposCbte", cuit="30500010912"), "Errors/Err/Msg"),
                          "ValidacionDeToken: No aparecio CUIT en lista de relaciones: 30500010912")
-        time.sleep(3)
+        # Expired for certain once a second has passed after the login, however slow the machine.
+        with Simulator("--ticket-seconds", "1") as short_lived:
+            ticket = ticket_of(login(short_lived)[1])
+            time.sleep(2)
+            expired = fev1(short_lived, "FEParamGetTiposCbte", credentials=(
+                ticket.findtext("credentials/token"), ticket.findtext("credentials/sign")))[1]
         stamp = r"\d+ \(\d{1,2}/\d{1,2}/\d{4} \d{1,2}:\d\d:\d\d [AP]M\)"
-        self.assertRegex(text(self.call("FEParamGetTiposCbte"), "Errors/Err/Msg"),
+        self.assertRegex(text(expired, "Errors/Err/Msg"),
                          r"^ValidacionDeToken: No validaron las fechas del token GenTime, ExpTime, NowUTC: %s, %s, %s$"
                          % (stamp, stamp, stamp))
 
@@ -235,9 +352,6 @@ class Invoicing(unittest.TestCase):
             self.assertEqual((status, fault.findtext("faultcode"), fault.findtext("faultstring")),
                              (500, "soap:Client", "Server did not recognize the value of HTTP Header SOAPAction: %s."
                               % action.strip('"')))
-        status, fault, _ = fev1(self.simulator, "FECAEASolicitar", action="http://ar.gov.afip.dif.FEV1/FECAEASolicitar")
-        self.assertEqual(status, 500)
-        self.assertIn("FECAEASolicitar", fault.findtext("faultstring"))
 
     def test_service_descriptions(self):
         actions = lambda wsdl: {op.getparent().get("name"): op.get("soapAction") for op in wsdl.iterfind(
@@ -254,11 +368,97 @@ class Invoicing(unittest.TestCase):
             self.assertEqual(served[path].find(".//wsdl:port/*", WSDL).get("location"), self.simulator.url(path))
         self.assertEqual(served["/ws/services/LoginCms"].find(".//wsdl:operation/wsdlsoap:operation", WSDL).get(
             "soapAction"), "")
-        # Fourteen of AFIP's operations with AFIP's SOAPActions, and every type AFIP's, element for element.
+        # All 22 of AFIP's operations with AFIP's SOAPActions, and every type AFIP's, element for element.
         ours = actions(served["/wsfev1/service.asmx"])
-        self.assertEqual((len(ours), ours), (14, {name: actions(reference)[name] for name in ours}))
+        self.assertEqual((len(ours), ours), (22, {name: actions(reference)[name] for name in ours}))
         for definition in served["/wsfev1/service.asmx"].find(".//s:schema", WSDL):
             self.assertEqual(shape(definition), afip_types[(definition.tag, definition.get("name"))], definition.get("name"))
+
+
+class Rules(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.simulator = Simulator("--receptor-condition-required-from", "2100-01-01")
+        ticket = ticket_of(login(cls.simulator)[1])
+        cls.credentials = (ticket.findtext("credentials/token"), ticket.findtext("credentials/sign"))
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.simulator.stop()
+
+    def call(self, operation, content):
+        status, result, answer = fev1(self.simulator, operation, content, self.credentials)
+        self.assertEqual(status, 200, answer)
+        return result
+
+    def test_each_rule_with_its_code_kind_and_text(self):
+        for point_of_sale, (changes, code, kind, message) in enumerate(RULES, 100):
+            result = self.call("FECAESolicitar", invoice(point_of_sale, **dict(changes)))
+            verdicts = {text(d, "Resultado") for d in result.iter("{%s}FECAEDetResponse" % FEV1)}
+            error = (text(result, "Errors/Err/Code"), text(result, "Errors/Err/Msg"))
+            found = error if kind == "Err" else next((o for o in observations(result) if o[0] == str(code)), (None, None))
+            verdict = "R" if kind == "Err" else kind
+            self.assertEqual((verdicts, text(result, "FeCabResp/Resultado")), ({verdict}, verdict), changes)
+            self.assertEqual(found[0], code and str(code), (changes, observations(result), error))
+            if message:
+                self.assertEqual(found[1][:len(message.rstrip("…"))], message.rstrip("…"), changes)
+            if kind == "Err":
+                self.assertEqual(observations(result), [], changes)
+
+    def test_a_batch_stops_at_its_first_rejected_voucher_and_consulting_gives_observations(self):
+        result = self.call("FECAESolicitar", invoice(90, 3, **dict(A, DocNro="20222222223", CondicionIVAReceptorId="6")))
+        self.assertEqual(text(result, "FeCabResp/Resultado"), "A")
+        self.assertEqual(text(result, "CAEFchVto"), day(10))
+        consulted = self.call("FECompConsultar", "<ar:FeCompConsReq><ar:CbteTipo>1</ar:CbteTipo><ar:CbteNro>3</ar:CbteNro>"
+                                                 "<ar:PtoVta>90</ar:PtoVta></ar:FeCompConsReq>")
+        self.assertEqual((text(consulted, "DocNro"), observations(consulted)[0][0]), ("20222222223", "10217"))
+        batch = invoice(91, 3).replace("<ar:ImpTotal>121</ar:ImpTotal>", "<ar:ImpTotal>99</ar:ImpTotal>", 2)
+        batch = batch.replace("<ar:ImpTotal>99</ar:ImpTotal>", "<ar:ImpTotal>121</ar:ImpTotal>", 1)
+        result = self.call("FECAESolicitar", batch)
+        self.assertEqual([text(result, "FeCabResp/Resultado")] + [d.findtext("{%s}Resultado" % FEV1) for d in result.iter(
+            "{%s}FECAEDetResponse" % FEV1)], ["P", "A", "R", "R"])
+        self.assertEqual(text(self.call("FECompUltimoAutorizado", "<ar:PtoVta>91</ar:PtoVta><ar:CbteTipo>6</ar:CbteTipo>"),
+                              "CbteNro"), "1")
+
+    def test_caea_vouchers_and_points_of_sale_without_movement(self):
+        period = "<ar:Periodo>%s</ar:Periodo><ar:Orden>%d</ar:Orden>" % (day(0)[:6], 1 if int(day(0)[6:]) <= 15 else 2)
+        caea = text(self.call("FECAEASolicitar", period), "CAEA")
+        self.assertEqual(text(self.call("FECAEAConsultar", period), "CAEA"), caea)
+        informed = self.call("FECAEARegInformativo", invoice(80, operation="FECAEARegInformativo", CAEA=caea))
+        self.assertEqual((text(informed, "FeCabResp/Resultado"), text(informed, "FECAEADetResponse/CAEA")), ("A", caea))
+        consulted = self.call("FECompConsultar", "<ar:FeCompConsReq><ar:CbteTipo>6</ar:CbteTipo><ar:CbteNro>1</ar:CbteNro>"
+                                                 "<ar:PtoVta>80</ar:PtoVta></ar:FeCompConsReq>")
+        self.assertEqual((text(consulted, "EmisionTipo"), text(consulted, "CodAutorizacion")), ("CAEA", caea))
+        refused = self.call("FECAEARegInformativo", invoice(81, operation="FECAEARegInformativo", CAEA="1" * 14))
+        self.assertEqual(text(refused, "Errors/Err/Code"), "602")
+        for code, verdict in ((caea, "A"), ("1" * 14, "R")):
+            informed = self.call("FECAEASinMovimientoInformar", "<ar:PtoVta>82</ar:PtoVta><ar:CAEA>%s</ar:CAEA>" % code)
+            self.assertEqual(text(informed, "Resultado"), verdict)
+        listed = self.call("FECAEASinMovimientoConsultar", "<ar:CAEA>%s</ar:CAEA><ar:PtoVta>82</ar:PtoVta>" % caea)
+        self.assertEqual([text(listed, "FECAEASinMov/CAEA"), text(listed, "FECAEASinMov/PtoVta")], [caea, "82"])
+
+    def test_the_readme_holds_the_rules_table_of_the_code(self):
+        with open(os.path.join(SOURCE, "tools", "simulator", "README.md"), encoding="utf-8") as readme:
+            self.assertIn(run([SIMULATOR, "--rules"]).stdout, readme.read())
+
+
+class LostAnswer(unittest.TestCase):
+    def test_a_voucher_whose_answer_was_lost_is_found_by_consulting(self):
+        with Simulator() as simulator:
+            ticket = ticket_of(login(simulator)[1])
+            credentials = (ticket.findtext("credentials/token"), ticket.findtext("credentials/sign"))
+            for number, loss in enumerate(({"cut_after": 60}, {"status": 503}, {"hang_ms": 300}), 1):
+                simulator.answer("/wsfev1/service.asmx", operation="FECAESolicitar", process=1, **loss)
+                self.assertEqual(text(fev1(simulator, "FEDummy")[1], "AppServer"), "OK", "only the operation named")
+                try:
+                    status = fev1(simulator, "FECAESolicitar", invoice(3, CbteDesde=number), credentials)[0]
+                except (OSError, http.client.HTTPException, etree.XMLSyntaxError):
+                    status = None
+                self.assertEqual(status, loss.get("status"), loss)
+                consulted = fev1(simulator, "FECompConsultar", "<ar:FeCompConsReq><ar:CbteTipo>6</ar:CbteTipo><ar:CbteNro>"
+                                 "%d</ar:CbteNro><ar:PtoVta>3</ar:PtoVta></ar:FeCompConsReq>" % number, credentials)[1]
+                self.assertRegex(text(consulted, "CodAutorizacion") or "", r"^\d{14}$", loss)
+            self.assertIn("answer lost", simulator.stop())
 
 
 class Options(unittest.TestCase):
@@ -269,6 +469,30 @@ class Options(unittest.TestCase):
             self.assertGreaterEqual(time.monotonic() - started, 0.8)
             self.assertEqual(status, 200)
             self.assertFalse(body.startswith(b"<"))
+
+    def test_cut_over_padron_file_and_events(self):
+        with tempfile.TemporaryDirectory() as work:
+            padron = os.path.join(work, "padron.json")
+            with open(padron, "w") as file:
+                file.write('{"20402908323": 1}')
+            with Simulator("--receptor-condition-required-from", "2000-01-01", "--padron", padron, "--event",
+                           "41:IMPORTANTE: aviso") as simulator:
+                ticket = ticket_of(login(simulator)[1])
+                credentials = (ticket.findtext("credentials/token"), ticket.findtext("credentials/sign"))
+                cases = [({"CondicionIVAReceptorId": None}, "R", [("10246", "Campo Condicion Frente al IVA del receptor es "
+                          "obligatorio conforme a lo reglamentado por la Resolucion General N° 5616.")]),
+                         ({"DocTipo": "80", "DocNro": "20402908323"}, "A", []),
+                         ({"DocTipo": "80", "DocNro": "20222222223"}, "R", [("10015", None)]),
+                         ({"CbteDesde": "9"}, "R", [])]
+                for point_of_sale, (changes, verdict, expected) in enumerate(cases, 1):
+                    result = fev1(simulator, "FECAESolicitar", invoice(point_of_sale, **changes), credentials)[1]
+                    self.assertEqual(text(result, "FECAEDetResponse/Resultado"), verdict, changes)
+                    self.assertEqual([(c, m if expected and expected[0][1] else None) for c, m in observations(result)],
+                                     expected, changes)
+                    self.assertEqual(text(result, "Events/Evt/Code"), "41")
+                self.assertEqual(text(fev1(simulator, "FECompTotXRequest", "", credentials)[1], "Events/Evt/Msg"),
+                                 "IMPORTANTE: aviso")
+                self.assertIsNone(text(fev1(simulator, "FEDummy")[1], "Events/Evt/Code"))
 
 
 class Process(unittest.TestCase):
@@ -282,11 +506,14 @@ class Process(unittest.TestCase):
 
     def test_command_line(self):
         help_text = run([SIMULATOR, "--help"]).stdout
-        for option in ("--tls", "--legacy-tls", "--refuse-relogin-seconds", "--relations", "/simulator/answers", "--cuit"):
+        for option in ("--tls", "--legacy-tls", "--refuse-relogin-seconds", "--relations", "/simulator/answers", "--cuit",
+                       "process=1", "(default 2026-12-01", "20222222223", "--event"):
             self.assertIn(option, help_text)
         for arguments in (["--no-such-option"], ["--port", "70000"], ["--make-certificate", "x.p12"],
-                          ["--legacy-tls"], ["--cuit", "123"], ["--relations", "1,2"]):
+                          ["--legacy-tls"], ["--cuit", "123"], ["--relations", "1,2"], ["--event", "x:y"],
+                          ["--receptor-condition-required-from", "2026-02-30"]):
             self.assertEqual(run([SIMULATOR] + arguments).returncode, 2, arguments)
+        self.assertEqual(run([SIMULATOR, "--padron", "/nonexistent.json"]).returncode, 1)
 
 
 if __name__ == "__main__":

@@ -140,6 +140,34 @@ std::string format_argentina_date(WallClock::time_point when, bool with_time)
     return text;
 }
 
+std::optional<long long> day_of_date(const std::string& yyyymmdd)
+{
+    size_t at = 0;
+    int year, month, day;
+    if (yyyymmdd.size() != 8 || !read_digits(yyyymmdd, at, 4, year) || !read_digits(yyyymmdd, at, 2, month) ||
+        !read_digits(yyyymmdd, at, 2, day) || month < 1 || month > 12 || day < 1 ||
+        static_cast<unsigned>(day) > days_in_month(year, month))
+        return std::nullopt;
+    return days_from_civil(year, static_cast<unsigned>(month), static_cast<unsigned>(day));
+}
+
+std::string date_of_day(long long day)
+{
+    // The inverse of days_from_civil (H. Hinnant's algorithm).
+    day += 719468;
+    const long long era = (day >= 0 ? day : day - 146096) / 146097;
+    const unsigned day_of_era = static_cast<unsigned>(day - era * 146097);
+    const unsigned year_of_era = (day_of_era - day_of_era / 1460 + day_of_era / 36524 - day_of_era / 146096) / 365;
+    const unsigned day_of_year = day_of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
+    const unsigned shifted_month = (5 * day_of_year + 2) / 153;
+    const unsigned month_day = day_of_year - (153 * shifted_month + 2) / 5 + 1;
+    const unsigned month = shifted_month < 10 ? shifted_month + 3 : shifted_month - 9;
+    const long long year = static_cast<long long>(year_of_era) + era * 400 + (month <= 2);
+    char text[32];
+    std::snprintf(text, sizeof text, "%04lld%02u%02u", year, month, month_day);
+    return text;
+}
+
 std::string format_utc_clock(WallClock::time_point when)
 {
     const std::time_t seconds = WallClock::to_time_t(when);

@@ -21,6 +21,12 @@ std::string format_argentina_time(WallClock::time_point when);
 // the wall-clock time, "20261121101530", as in FchProceso.
 std::string format_argentina_date(WallClock::time_point when, bool with_time = false);
 
+// Days since 1970-01-01 of a calendar date written yyyymmdd; nullopt when it is no such date.
+std::optional<long long> day_of_date(const std::string& yyyymmdd);
+
+// The yyyymmdd date of a day counted from 1970-01-01.
+std::string date_of_day(long long day);
+
 // "11/21/2026 1:15:30 PM" in UTC, as the invoicing service writes a token's dates.
 std::string format_utc_clock(WallClock::time_point when);
 

@@ -51,10 +51,10 @@ void set_random_serial(X509* certificate)
 
 Identity make_self_signed_identity(const std::string& common_name, std::chrono::seconds valid_from,
                                    std::chrono::seconds valid_until, const std::string& subject_alt_names,
-                                   const std::string& serial_number)
+                                   const std::string& serial_number, KeyKind key_kind)
 {
     Identity identity;
-    identity.key = PrivateKey(EVP_RSA_gen(rsa_bits));
+    identity.key = PrivateKey(key_kind == KeyKind::rsa ? EVP_RSA_gen(rsa_bits) : EVP_EC_gen("P-256"));
     if (!identity.key)
         openssl_failure("key generation");
 
@@ -174,6 +174,16 @@ std::string certificate_cuit(X509* certificate)
     const std::string serial(reinterpret_cast<const char*>(ASN1_STRING_get0_data(value)), static_cast<size_t>(ASN1_STRING_length(value)));
     const std::string prefix = "CUIT ";
     return serial.rfind(prefix, 0) == 0 ? serial.substr(prefix.size()) : std::string();
+}
+
+std::string certificate_pem(X509* certificate)
+{
+    Bio memory(BIO_new(BIO_s_mem()));
+    if (!memory || PEM_write_bio_X509(memory.get(), certificate) != 1)
+        openssl_failure("PEM encoding");
+    char* data = nullptr;
+    const long length = BIO_get_mem_data(memory.get(), &data);
+    return std::string(data, static_cast<size_t>(length));
 }
 
 std::string asn1_time_text(const ASN1_TIME* time)

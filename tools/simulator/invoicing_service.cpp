@@ -2,9 +2,13 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdint>
 #include <cstdlib>
+#include <limits>
 
 #include "argentina_time.h"
+#include "parameters.h"
+#include "voucher_rules.h"
 #include "wsfev1_operations.h"
 
 namespace {
@@ -14,46 +18,8 @@ const char envelope_start[] =
     "<?xml version=\"1.0\" encoding=\"utf-8\"?><soap:Envelope xmlns:soap=\"http://schemas.xmlsoap.org/soap/envelope/\" "
     "xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\">";
 
-// Small tables of AFIP's own codes: Id and Desc, valid from FchDesde with no end ("NULL").
-struct ParameterTable {
-    const char* operation;
-    const char* element;
-    const char* valid_from;
-    std::vector<std::pair<const char*, const char*>> rows;
-};
-const ParameterTable parameter_tables[] = {
-    {"FEParamGetTiposCbte", "CbteTipo", "20100917",
-     {{"1", "Factura A"}, {"2", "Nota de Débito A"}, {"3", "Nota de Crédito A"}, {"6", "Factura B"},
-      {"7", "Nota de Débito B"}, {"8", "Nota de Crédito B"}, {"11", "Factura C"}, {"12", "Nota de Débito C"},
-      {"13", "Nota de Crédito C"}}},
-    {"FEParamGetTiposDoc", "DocTipo", "20080725",
-     {{"80", "CUIT"}, {"86", "CUIL"}, {"87", "CDI"}, {"89", "LE"}, {"90", "LC"}, {"94", "Pasaporte"}, {"96", "DNI"},
-      {"99", "Doc. (Otro)"}}},
-    {"FEParamGetTiposIva", "IvaTipo", "20090220",
-     {{"3", "0%"}, {"4", "10.5%"}, {"5", "21%"}, {"6", "27%"}, {"8", "5%"}, {"9", "2.5%"}}},
-    {"FEParamGetTiposMonedas", "Moneda", "20090403",
-     {{"PES", "Pesos Argentinos"}, {"DOL", "Dólar Estadounidense"}, {"012", "Real"}, {"060", "Euro"}}},
-    {"FEParamGetTiposConcepto", "ConceptoTipo", "20080725",
-     {{"1", "Producto"}, {"2", "Servicios"}, {"3", "Productos y Servicios"}}},
-    {"FEParamGetTiposTributos", "TributoTipo", "20100917",
-     {{"1", "Impuestos nacionales"}, {"2", "Impuestos provinciales"}, {"3", "Impuestos municipales"},
-      {"4", "Impuestos Internos"}, {"99", "Otro"}}},
-};
-
-// Id, Desc and the voucher classes (Cmp_Clase) each receiver condition applies to.
-const char* const receiver_condition_table[][3] = {
-    {"1", "IVA Responsable Inscripto", "A/M/C"},  {"4", "IVA Sujeto Exento", "B/C"},
-    {"5", "Consumidor Final", "B/C"},             {"6", "Responsable Monotributo", "A/M/C"},
-    {"7", "Sujeto No Categorizado", "B/C"},       {"8", "Proveedor del Exterior", "B/C"},
-    {"9", "Cliente del Exterior", "B/C"},         {"10", "IVA Liberado - Ley N° 19.640", "B/C"},
-    {"13", "Monotributista Social", "A/M/C"},     {"15", "IVA No Alcanzado", "B/C"},
-    {"16", "Monotributo Trabajador Independiente Promovido", "A/M/C"}};
-
-// A fixed quotation per currency, against the peso.
-const std::pair<const char*, const char*> quotations[] = {{"PES", "1"}, {"DOL", "1045.5"}, {"060", "1130.25"}, {"012", "182.4"}};
-
-constexpr std::chrono::hours cae_validity{24 * 10};
-const char most_records_per_request[] = "250";
+constexpr long long cae_validity_days = 10;
+constexpr long long caea_report_days = 8; // after the CAEA's fortnight, to report its vouchers
 const char no_data[] = "No existen datos en nuestros registros para los parametros ingresados.";
 
 std::string element(const std::string& name, const std::string& text)
@@ -80,6 +46,38 @@ Reply operation_reply(const std::string& operation, const std::string& result, c
     return reply;
 }
 
+// The announcements in the place each answer's schema gives them: before Errors in the two answers
+// about vouchers, last in the others; FEDummy's answer has none.
+std::string with_events(const std::string& operation, const std::string& result,
+                        const std::vector<std::pair<int, std::string>>& events)
+{
+    if (events.empty() || operation == "FEDummy")
+        return result;
+    std::string list = "<Events>";
+    for (const auto& [code, message] : events)
+        list += "<Evt>" + element("Code", std::to_string(code)) + element("Msg", message) + "</Evt>";
+    list += "</Events>";
+    const size_t errors_at = result.find("<Errors>");
+    if ((operation == "FECAESolicitar" || operation == "FECAEARegInformativo") && errors_at != std::string::npos)
+        return result.substr(0, errors_at) + list + result.substr(errors_at);
+    return result + list;
+}
+
+// What the log says of an answer: its first Err, else its Resultado and observations.
+std::string outcome_of(const std::string& result)
+{
+    const auto value_after = [&](const std::string& mark, size_t from) {
+        const size_t at = result.find(mark, from);
+        return at == std::string::npos ? std::string() : result.substr(at + mark.size(), result.find('<', at + mark.size()) - at - mark.size());
+    };
+    if (const std::string code = value_after("<Errors><Err><Code>", 0); !code.empty())
+        return "Err " + code;
+    std::string outcome = result.find("<Resultado>") == std::string::npos ? "OK" : "Resultado " + value_after("<Resultado>", 0);
+    for (size_t at = result.find("<Obs><Code>"); at != std::string::npos; at = result.find("<Obs><Code>", at + 1))
+        outcome += " Obs " + value_after("<Obs><Code>", at);
+    return outcome;
+}
+
 Reply fault(const char* code, const std::string& text, const std::string& summary)
 {
     Reply reply;
@@ -95,22 +93,17 @@ Reply unreadable(const std::string& operation)
     return fault("soap:Client", "Server was unable to read request. ---> There is an error in XML document.", operation);
 }
 
-std::optional<long long> whole_number(const std::string& text)
+// A whole number within xs:int (or, with `wide`, xs:long), as the schema types the field.
+std::optional<long long> whole_number(const std::string& text, bool wide = false)
 {
     long long value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (text.empty() || error != std::errc() || end != text.data() + text.size())
         return std::nullopt;
+    if (!wide && (value > std::numeric_limits<std::int32_t>::max() || value < std::numeric_limits<std::int32_t>::min()))
+        return std::nullopt;
     return value;
 }
-
-bool decimal_number(const std::string& text)
-{
-    char* end = nullptr;
-    std::strtod(text.c_str(), &end);
-    return !text.empty() && end == text.c_str() + text.size();
-}
-
 
 // What the service says of the Auth element: empty when it accepts it, else the Err 600 text.
 std::string token_problem(const TicketRegistry& tickets, const pugi::xml_node& auth)
@@ -133,42 +126,19 @@ std::string token_problem(const TicketRegistry& tickets, const pugi::xml_node& a
     return {};
 }
 
-// The detail's fields in the order of AFIP's answers; nullopt when a required one is missing or no number.
-std::optional<std::string> detail_fields(const pugi::xml_node& detail, const std::string& today)
+// The number in an element of an answer's fields, 0 when absent.
+long long text_between(const std::string& fields, const std::string& name)
 {
-    std::string fields;
-    for (const char* name : {"Concepto", "DocTipo", "DocNro", "CbteDesde", "CbteHasta"}) {
-        const std::string value = text_by_local_name(detail, {name});
-        if (!whole_number(value))
-            return std::nullopt;
-        fields += element(name, value);
-    }
-    const std::string date = text_by_local_name(detail, {"CbteFch"});
-    fields += element("CbteFch", date.empty() ? today : date);
-    for (const char* name : {"ImpTotal", "ImpTotConc", "ImpNeto", "ImpOpEx", "ImpTrib", "ImpIVA"}) {
-        const std::string value = text_by_local_name(detail, {name});
-        if (!decimal_number(value))
-            return std::nullopt;
-        fields += element(name, value);
-    }
-    for (const char* name : {"FchServDesde", "FchServHasta", "FchVtoPago", "MonId", "MonCotiz"})
-        if (const std::string value = text_by_local_name(detail, {name}); !value.empty())
-            fields += element(name, value);
-    std::string rates;
-    for (const pugi::xml_node& rate : child_by_local_name(detail, "Iva").children()) {
-        const std::string id = text_by_local_name(rate, {"Id"});
-        const std::string base = text_by_local_name(rate, {"BaseImp"});
-        const std::string amount = text_by_local_name(rate, {"Importe"});
-        if (!whole_number(id) || !decimal_number(base) || !decimal_number(amount))
-            return std::nullopt;
-        rates += "<AlicIva>" + element("Id", id) + element("BaseImp", base) + element("Importe", amount) + "</AlicIva>";
-    }
-    return rates.empty() ? fields : fields + "<Iva>" + rates + "</Iva>";
+    const size_t at = fields.find("<" + name + ">");
+    return at == std::string::npos ? 0 : std::strtoll(fields.c_str() + at + name.size() + 2, nullptr, 10);
 }
 
 } // namespace
 
-InvoicingService::InvoicingService(const TicketRegistry& tickets) : m_tickets(tickets) {}
+InvoicingService::InvoicingService(const TicketRegistry& tickets, InvoicingSettings settings)
+    : m_tickets(tickets), m_settings(std::move(settings))
+{
+}
 
 Reply InvoicingService::handle(const std::string& request_body, const std::optional<std::string>& soap_action)
 {
@@ -209,15 +179,20 @@ Reply InvoicingService::operate(const std::string& name, const pugi::xml_node& o
         {"FECompUltimoAutorizado", &InvoicingService::last_authorised},
         {"FECAESolicitar", &InvoicingService::authorise},
         {"FECompConsultar", &InvoicingService::consult},
+        {"FECAEASolicitar", &InvoicingService::request_caea},
+        {"FECAEAConsultar", &InvoicingService::consult_caea},
+        {"FECAEARegInformativo", &InvoicingService::inform_caea_vouchers},
+        {"FECAEASinMovimientoInformar", &InvoicingService::inform_no_movement},
+        {"FECAEASinMovimientoConsultar", &InvoicingService::consult_no_movement},
         {"FEParamGetPtosVenta", &InvoicingService::points_of_sale},
         {"FEParamGetCondicionIvaReceptor", &InvoicingService::receiver_conditions},
         {"FEParamGetCotizacion", &InvoicingService::quotation},
         {"FECompTotXRequest", &InvoicingService::records_per_request},
     };
-    const auto table = std::find_if(std::begin(parameter_tables), std::end(parameter_tables),
-                                    [&](const ParameterTable& t) { return name == t.operation; });
+    const auto& tables = parameter_tables();
+    const auto table = std::find_if(tables.begin(), tables.end(), [&](const ParameterTable& t) { return name == t.operation; });
     const auto handler = handlers.find(name);
-    if (table == std::end(parameter_tables) && handler == handlers.end())
+    if (table == tables.end() && handler == handlers.end())
         return fault("soap:Server", "afip_simulator no implementa la operacion " + name + " de WSFEv1.", name);
 
     const pugi::xml_node auth = child_by_local_name(operation, "Auth");
@@ -226,43 +201,49 @@ Reply InvoicingService::operate(const std::string& name, const pugi::xml_node& o
         // Elements the schema requires come first, zero, as AFIP sends them.
         const std::string required = name == "FECompUltimoAutorizado" ? "<PtoVta>0</PtoVta><CbteTipo>0</CbteTipo><CbteNro>0</CbteNro>"
                                      : name == "FECompTotXRequest"    ? "<RegXReq>0</RegXReq>"
+                                     : name == "FECAEASinMovimientoInformar" ? "<PtoVta>0</PtoVta>"
                                                                       : "";
-        return operation_reply(name, required + errors(600, problem), "-> Err 600: " + problem);
+        return operation_reply(name, with_events(name, required + errors(600, problem), m_settings.events),
+                               "-> Err 600: " + problem);
     }
 
     std::string result;
-    if (table != std::end(parameter_tables)) {
-        for (const auto& [id, description] : table->rows)
-            result += "<" + std::string(table->element) + ">" + element("Id", id) + element("Desc", description) +
-                      element("FchDesde", table->valid_from) + "<FchHasta>NULL</FchHasta></" + table->element + ">";
+    if (table != tables.end()) {
+        for (const auto& row : table->rows) {
+            result += "<" + std::string(table->element) + ">";
+            for (size_t i = 0; i < table->columns.size(); ++i)
+                result += element(table->columns[i], row[i]);
+            if (table->valid_from)
+                result += element("FchDesde", table->valid_from) + "<FchHasta>NULL</FchHasta>";
+            result += "</" + std::string(table->element) + ">";
+        }
         result = "<ResultGet>" + result + "</ResultGet>";
     } else {
         result = (this->*handler->second)(operation, cuit);
     }
     if (result.empty())
         return unreadable(name);
-    const size_t code = result.find("<Code>");
-    const std::string outcome = code == std::string::npos ? "OK" : "Err " + result.substr(code + 6, result.find('<', code + 6) - code - 6);
-    return operation_reply(name, result, "cuit=" + cuit + " -> " + outcome);
+    return operation_reply(name, with_events(name, result, m_settings.events), "cuit=" + cuit + " -> " + outcome_of(result));
 }
 
 std::string InvoicingService::receiver_conditions(const pugi::xml_node& operation, const std::string&)
 {
     const std::string voucher_class = text_by_local_name(operation, {"ClaseCmp"});
     std::string conditions;
-    for (const auto& condition : receiver_condition_table)
-        if (voucher_class.empty() || std::string(condition[2]).find(voucher_class) != std::string::npos)
-            conditions += "<CondicionIvaReceptor>" + element("Id", condition[0]) + element("Desc", condition[1]) +
-                          element("Cmp_Clase", condition[2]) + "</CondicionIvaReceptor>";
+    for (const ReceptorCondition& condition : receptor_conditions())
+        if (voucher_class.empty() || std::string(condition.classes).find(voucher_class) != std::string::npos)
+            conditions += "<CondicionIvaReceptor>" + element("Id", std::to_string(condition.id)) +
+                          element("Desc", condition.description) + element("Cmp_Clase", condition.classes) +
+                          "</CondicionIvaReceptor>";
     return conditions.empty() ? errors(602, no_data) : "<ResultGet>" + conditions + "</ResultGet>";
 }
 
 std::string InvoicingService::quotation(const pugi::xml_node& operation, const std::string&)
 {
     const std::string currency = text_by_local_name(operation, {"MonId"});
-    const auto found = std::find_if(std::begin(quotations), std::end(quotations),
-                                    [&](const auto& quotation) { return currency == quotation.first; });
-    if (found == std::end(quotations))
+    const auto& table = quotations();
+    const auto found = std::find_if(table.begin(), table.end(), [&](const auto& quotation) { return currency == quotation.first; });
+    if (found == table.end())
         return errors(602, no_data);
     return "<ResultGet>" + element("MonId", currency) + element("MonCotiz", found->second) +
            element("FchCotiz", format_argentina_date(WallClock::now())) + "</ResultGet>";
@@ -270,7 +251,7 @@ std::string InvoicingService::quotation(const pugi::xml_node& operation, const s
 
 std::string InvoicingService::records_per_request(const pugi::xml_node&, const std::string&)
 {
-    return element("RegXReq", most_records_per_request);
+    return element("RegXReq", std::to_string(most_vouchers_per_request));
 }
 
 std::string InvoicingService::points_of_sale(const pugi::xml_node&, const std::string& cuit)
@@ -303,77 +284,211 @@ std::string InvoicingService::last_authorised(const pugi::xml_node& operation, c
 
 std::string InvoicingService::authorise(const pugi::xml_node& operation, const std::string& cuit)
 {
-    const pugi::xml_node request = child_by_local_name(operation, "FeCAEReq");
+    return judge(child_by_local_name(operation, "FeCAEReq"), cuit, false);
+}
+
+std::string InvoicingService::inform_caea_vouchers(const pugi::xml_node& operation, const std::string& cuit)
+{
+    return judge(child_by_local_name(operation, "FeCAEARegInfReq"), cuit, true);
+}
+
+// FECAESolicitar and FECAEARegInformativo: the Err rules refuse the whole request; otherwise the
+// vouchers are judged in order and the first one rejected stops the batch, as at AFIP.
+std::string InvoicingService::judge(const pugi::xml_node& request, const std::string& cuit, bool with_caea)
+{
+    const auto declared = whole_number(text_by_local_name(request, {"FeCabReq", "CantReg"}));
     const auto point_of_sale = whole_number(text_by_local_name(request, {"FeCabReq", "PtoVta"}));
     const auto voucher_type = whole_number(text_by_local_name(request, {"FeCabReq", "CbteTipo"}));
-    std::vector<pugi::xml_node> details;
-    for (const pugi::xml_node& node : child_by_local_name(request, "FeDetReq").children())
-        if (local_name(node) == "FECAEDetRequest")
-            details.push_back(node);
-    if (!point_of_sale || !voucher_type || details.empty())
+    if (!declared || !point_of_sale || !voucher_type)
         return {};
-
     const WallClock::time_point now = WallClock::now();
     const std::string today = format_argentina_date(now);
     const std::string processed = format_argentina_date(now, true);
-    std::vector<std::string> fields;
-    for (const pugi::xml_node& detail : details) {
-        fields.push_back(detail_fields(detail, today).value_or(""));
-        if (fields.back().empty())
+    std::vector<VoucherDetail> details;
+    std::vector<std::string> caeas;
+    for (const pugi::xml_node& node : child_by_local_name(request, "FeDetReq").children()) {
+        if (node.type() != pugi::node_element || local_name(node) != (with_caea ? "FECAEADetRequest" : "FECAEDetRequest"))
+            continue;
+        std::optional<VoucherDetail> detail = read_voucher_detail(node, today);
+        if (!detail)
             return {};
+        details.push_back(std::move(*detail));
+        caeas.push_back(text_by_local_name(node, {"CAEA"}));
+    }
+
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const Series series{cuit, *point_of_sale, *voucher_type};
+    const auto last = m_last_number.find(series);
+    const auto last_date = m_last_date.find(series);
+    VoucherCheck check;
+    check.declared_count = *declared;
+    check.sent_count = details.size();
+    check.voucher_type = *voucher_type;
+    check.issuer = cuit;
+    check.today = today;
+    check.receptor_condition_required_from = m_settings.receptor_condition_required_from;
+    check.padron = &m_settings.padron;
+    check.next_number = last == m_last_number.end() ? 1 : last->second + 1;
+    check.last_date = last_date == m_last_date.end() ? "" : last_date->second;
+
+    std::optional<std::pair<int, std::string>> refusal;
+    const auto granted = [&](const std::string& code) {
+        return std::any_of(m_caeas.begin(), m_caeas.end(),
+                           [&](const auto& entry) { return std::get<0>(entry.first) == cuit && entry.second.code == code; });
+    };
+    for (size_t i = 0; i < std::max<size_t>(details.size(), 1) && !refusal; ++i) {
+        check.detail = details.empty() ? VoucherDetail{} : details[i];
+        for (const VoucherRule& rule : voucher_rules())
+            if (rule.kind == RuleKind::error && rule.applies(check)) {
+                refusal = std::pair(rule.code, rule_message(rule, check));
+                break;
+            }
+        if (!refusal && with_caea && !granted(caeas[i]))
+            refusal = std::pair(602, std::string(no_data));
+        // Unrefused, the number is at most 99999999: the next one cannot overflow.
+        if (!refusal) {
+            check.next_number = check.detail.last + 1;
+            check.last_date = check.detail.date;
+        }
     }
 
     std::string detail_results;
     size_t approved = 0;
-    std::lock_guard<std::mutex> lock(m_mutex);
-    const Series series{cuit, *point_of_sale, *voucher_type};
-    long long& last = m_last_number[series];
+    bool stopped = refusal.has_value();
     for (size_t i = 0; i < details.size(); ++i) {
-        const long long first = *whole_number(text_by_local_name(details[i], {"CbteDesde"}));
-        const long long final = *whole_number(text_by_local_name(details[i], {"CbteHasta"}));
-        Voucher voucher{fields[i], "", "", processed};
-        if (first == last + 1 && final >= first) {
-            voucher.cae = random_digits(14);
-            voucher.cae_expiry = format_argentina_date(now + cae_validity);
-            for (long long number = first; number <= final; ++number)
-                m_vouchers[{series, number}] = voucher;
-            last = final;
+        check.detail = details[i];
+        std::string observations;
+        bool rejected = stopped;
+        if (!stopped)
+            for (const VoucherRule& rule : voucher_rules())
+                if (rule.kind != RuleKind::error && rule.applies(check)) {
+                    observations += "<Obs>" + element("Code", std::to_string(rule.code)) +
+                                    element("Msg", rule_message(rule, check)) + "</Obs>";
+                    rejected = rejected || rule.kind == RuleKind::rejecting_observation;
+                }
+        if (!observations.empty())
+            observations = "<Observaciones>" + observations + "</Observaciones>";
+        const VoucherDetail& detail = details[i];
+        Voucher voucher{detail.echo, observations, "", with_caea ? "CAEA" : "CAE", "", processed};
+        if (!rejected) {
+            const long long day = day_of_date(detail.date).value_or(*day_of_date(today));
+            voucher.authorisation = with_caea ? caeas[i] : random_digits(14);
+            voucher.expiry = with_caea ? "" : date_of_day(day + cae_validity_days);
+            m_vouchers[{series, detail.first}] = voucher;
+            m_last_number[series] = detail.last;
+            m_last_date[series] = detail.date;
             ++approved;
         }
+        stopped = stopped || rejected;
         // The answer repeats the request's fields up to the date.
-        detail_results += "<FECAEDetResponse>" + fields[i].substr(0, fields[i].find("<ImpTotal>")) +
-                          element("Resultado", voucher.cae.empty() ? "R" : "A") + element("CAE", voucher.cae) +
-                          element("CAEFchVto", voucher.cae_expiry) + "</FECAEDetResponse>";
+        const std::string head = detail.echo.substr(0, detail.echo.find("<ImpTotal>")) +
+                                 element("Resultado", rejected ? "R" : "A") + observations;
+        detail_results += with_caea ? "<FECAEADetResponse>" + head + element("CAEA", caeas[i]) + "</FECAEADetResponse>"
+                                    : "<FECAEDetResponse>" + head + element("CAE", voucher.authorisation) +
+                                          element("CAEFchVto", voucher.expiry) + "</FECAEDetResponse>";
     }
     m_points_of_sale[cuit].insert(*point_of_sale);
 
-    const char* outcome = approved == details.size() ? "A" : approved == 0 ? "R" : "P";
+    const char* outcome = approved == details.size() && approved > 0 ? "A" : approved == 0 ? "R" : "P";
     const std::string header = "<FeCabResp>" + element("Cuit", cuit) + element("PtoVta", std::to_string(*point_of_sale)) +
                                element("CbteTipo", std::to_string(*voucher_type)) + element("FchProceso", processed) +
-                               element("CantReg", std::to_string(details.size())) + element("Resultado", outcome) +
+                               element("CantReg", std::to_string(*declared)) + element("Resultado", outcome) +
                                "<Reproceso>N</Reproceso></FeCabResp>";
-    return header + "<FeDetResp>" + detail_results + "</FeDetResp>" +
-           (approved == details.size()
-                ? ""
-                : errors(10016, "El numero o fecha del comprobante no se corresponde con el proximo a autorizar. "
-                                "Consultar metodo FECompUltimoAutorizado."));
+    return header + "<FeDetResp>" + detail_results + "</FeDetResp>" + (refusal ? errors(refusal->first, refusal->second) : "");
 }
 
 std::string InvoicingService::consult(const pugi::xml_node& operation, const std::string& cuit)
 {
     const pugi::xml_node query = child_by_local_name(operation, "FeCompConsReq");
     const auto voucher_type = whole_number(text_by_local_name(query, {"CbteTipo"}));
-    const auto number = whole_number(text_by_local_name(query, {"CbteNro"}));
+    const auto number = whole_number(text_by_local_name(query, {"CbteNro"}), true);
     const auto point_of_sale = whole_number(text_by_local_name(query, {"PtoVta"}));
     if (!voucher_type || !number || !point_of_sale)
         return {};
     std::lock_guard<std::mutex> lock(m_mutex);
-    const auto found = m_vouchers.find({{cuit, *point_of_sale, *voucher_type}, *number});
-    if (found == m_vouchers.end())
+    // Vouchers are kept by their first number; a range answers for every number in it.
+    const Series series{cuit, *point_of_sale, *voucher_type};
+    auto found = m_vouchers.upper_bound({series, *number});
+    if (found == m_vouchers.begin() || std::prev(found)->first.first != series)
         return errors(602, no_data);
-    const Voucher& voucher = found->second;
-    return "<ResultGet>" + voucher.fields + element("Resultado", "A") + element("CodAutorizacion", voucher.cae) +
-           element("EmisionTipo", "CAE") + element("FchVto", voucher.cae_expiry) + element("FchProceso", voucher.processed) +
+    const Voucher& voucher = std::prev(found)->second;
+    if (text_between(voucher.fields, "CbteHasta") < *number)
+        return errors(602, no_data);
+    return "<ResultGet>" + voucher.fields + element("Resultado", "A") + element("CodAutorizacion", voucher.authorisation) +
+           element("EmisionTipo", voucher.emission) + element("FchVto", voucher.expiry) +
+           element("FchProceso", voucher.processed) + voucher.observations +
            element("PtoVta", std::to_string(*point_of_sale)) + element("CbteTipo", std::to_string(*voucher_type)) +
            "</ResultGet>";
+}
+
+std::string InvoicingService::request_caea(const pugi::xml_node& operation, const std::string& cuit)
+{
+    const auto period = whole_number(text_by_local_name(operation, {"Periodo"}));
+    const auto order = whole_number(text_by_local_name(operation, {"Orden"}));
+    if (!period || !order || *order < -32768 || *order > 32767)
+        return {};
+    const auto first_day = day_of_date(std::to_string(*period) + (*order == 2 ? "16" : "01"));
+    if (!first_day || (*order != 1 && *order != 2))
+        return errors(15007, "Los campos Periodo (yyyymm) y Orden (1 o 2) no son validos.");
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Caea& caea = m_caeas[{cuit, *period, *order}];
+    if (caea.code.empty()) {
+        // A fortnight: days 1 to 15, or 16 to the month's end.
+        const long long last_day = *order == 1 ? *first_day + 14 : *day_of_date(date_of_day(*first_day + 16).substr(0, 6) + "01") - 1;
+        caea = {random_digits(14), date_of_day(*first_day), date_of_day(last_day), date_of_day(last_day + caea_report_days),
+                format_argentina_date(WallClock::now(), true)};
+    }
+    return "<ResultGet>" + element("CAEA", caea.code) + element("Periodo", std::to_string(*period)) +
+           element("Orden", std::to_string(*order)) + element("FchVigDesde", caea.valid_from) +
+           element("FchVigHasta", caea.valid_to) + element("FchTopeInf", caea.report_by) +
+           element("FchProceso", caea.processed) + "</ResultGet>";
+}
+
+std::string InvoicingService::consult_caea(const pugi::xml_node& operation, const std::string& cuit)
+{
+    const auto period = whole_number(text_by_local_name(operation, {"Periodo"}));
+    const auto order = whole_number(text_by_local_name(operation, {"Orden"}));
+    if (!period || !order || *order < -32768 || *order > 32767)
+        return {};
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const auto found = m_caeas.find({cuit, *period, *order});
+    if (found == m_caeas.end())
+        return errors(602, no_data);
+    const Caea& caea = found->second;
+    return "<ResultGet>" + element("CAEA", caea.code) + element("Periodo", std::to_string(*period)) +
+           element("Orden", std::to_string(*order)) + element("FchVigDesde", caea.valid_from) +
+           element("FchVigHasta", caea.valid_to) + element("FchTopeInf", caea.report_by) +
+           element("FchProceso", caea.processed) + "</ResultGet>";
+}
+
+std::string InvoicingService::inform_no_movement(const pugi::xml_node& operation, const std::string& cuit)
+{
+    const auto point_of_sale = whole_number(text_by_local_name(operation, {"PtoVta"}));
+    const std::string code = text_by_local_name(operation, {"CAEA"});
+    if (!point_of_sale)
+        return {};
+    const std::string processed = format_argentina_date(WallClock::now(), true);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const bool granted = std::any_of(m_caeas.begin(), m_caeas.end(), [&](const auto& entry) {
+        return std::get<0>(entry.first) == cuit && entry.second.code == code;
+    });
+    if (granted)
+        m_no_movement.emplace_back(cuit, code, *point_of_sale, processed);
+    return element("CAEA", code) + element("FchProceso", processed) + element("PtoVta", std::to_string(*point_of_sale)) +
+           element("Resultado", granted ? "A" : "R") + (granted ? "" : errors(602, no_data));
+}
+
+std::string InvoicingService::consult_no_movement(const pugi::xml_node& operation, const std::string& cuit)
+{
+    const auto point_of_sale = whole_number(text_by_local_name(operation, {"PtoVta"}));
+    const std::string code = text_by_local_name(operation, {"CAEA"});
+    if (!point_of_sale)
+        return {};
+    std::string list;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (const auto& [owner, caea, point, processed] : m_no_movement)
+        if (owner == cuit && (code.empty() || caea == code) && (*point_of_sale == 0 || point == *point_of_sale))
+            list += "<FECAEASinMov>" + element("CAEA", caea) + element("FchProceso", processed) +
+                    element("PtoVta", std::to_string(point)) + "</FECAEASinMov>";
+    return list.empty() ? errors(602, no_data) : "<ResultGet>" + list + "</ResultGet>";
 }

@@ -9,17 +9,26 @@
 #include <set>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
+#include "padron.h"
 #include "soap.h"
 #include "ticket_registry.h"
 
+// How the invoicing service judges vouchers and what it announces.
+struct InvoicingSettings {
+    Padron padron;
+    std::string receptor_condition_required_from = "20261201"; // yyyymmdd: from then a missing condition rejects
+    std::vector<std::pair<int, std::string>> events;            // Events/Evt added to every answer that has room
+};
+
 // The electronic invoicing service (WSFEv1) as an ASMX service answers it: the operation named by
 // SOAPAction (or, without that header, by the body), credentials checked against the tickets the
-// login endpoint issued, and the last authorised number kept per (CUIT, point of sale, type).
+// login endpoint issued, vouchers judged by AFIP's rules and kept per (CUIT, point of sale, type).
 class InvoicingService {
 public:
-    explicit InvoicingService(const TicketRegistry& tickets);
+    InvoicingService(const TicketRegistry& tickets, InvoicingSettings settings);
 
     // `soap_action` is the header's value, nullopt when the request has none.
     Reply handle(const std::string& request_body, const std::optional<std::string>& soap_action);
@@ -28,9 +37,15 @@ private:
     using Series = std::tuple<std::string, long long, long long>; // CUIT, point of sale, voucher type
     struct Voucher {
         std::string fields; // the request's detail, in the answer's form
-        std::string cae;
-        std::string cae_expiry;
+        std::string observations;
+        std::string authorisation; // CAE or CAEA
+        std::string emission;      // "CAE" or "CAEA"
+        std::string expiry;
         std::string processed;
+    };
+    struct Caea {
+        std::string code;
+        std::string valid_from, valid_to, report_by, processed;
     };
 
     Reply operate(const std::string& name, const pugi::xml_node& operation);
@@ -38,17 +53,27 @@ private:
     // lacks a number the operation needs.
     std::string last_authorised(const pugi::xml_node& operation, const std::string& cuit);
     std::string authorise(const pugi::xml_node& operation, const std::string& cuit);
+    std::string inform_caea_vouchers(const pugi::xml_node& operation, const std::string& cuit);
+    std::string judge(const pugi::xml_node& request, const std::string& cuit, bool with_caea);
     std::string consult(const pugi::xml_node& operation, const std::string& cuit);
+    std::string request_caea(const pugi::xml_node& operation, const std::string& cuit);
+    std::string consult_caea(const pugi::xml_node& operation, const std::string& cuit);
+    std::string inform_no_movement(const pugi::xml_node& operation, const std::string& cuit);
+    std::string consult_no_movement(const pugi::xml_node& operation, const std::string& cuit);
     std::string points_of_sale(const pugi::xml_node& operation, const std::string& cuit);
     std::string receiver_conditions(const pugi::xml_node& operation, const std::string& cuit);
     std::string quotation(const pugi::xml_node& operation, const std::string& cuit);
     std::string records_per_request(const pugi::xml_node& operation, const std::string& cuit);
 
     const TicketRegistry& m_tickets;
+    const InvoicingSettings m_settings;
     std::mutex m_mutex;
     std::map<Series, long long> m_last_number;
+    std::map<Series, std::string> m_last_date;
     std::map<std::pair<Series, long long>, Voucher> m_vouchers;
     std::map<std::string, std::set<long long>> m_points_of_sale;
+    std::map<std::tuple<std::string, long long, long long>, Caea> m_caeas; // CUIT, period, order
+    std::vector<std::tuple<std::string, std::string, long long, std::string>> m_no_movement; // CUIT, CAEA, point of sale, processed
 };
 
 #endif

@@ -21,6 +21,7 @@
 #include "scripted_answers.h"
 #include "service_descriptions.h"
 #include "ticket_registry.h"
+#include "voucher_rules.h"
 
 namespace {
 
@@ -92,30 +93,35 @@ std::string server_alt_names(const Options& options)
     return names;
 }
 
-std::unique_ptr<httplib::Server> make_server(const Options& options, std::optional<Identity>& identity)
-{
-    if (!options.tls)
-        return std::make_unique<httplib::Server>();
-    const std::string name = !options.tls_name.empty() ? options.tls_name : options.host.empty() ? "localhost" : options.host;
-    identity = make_self_signed_identity(name, -1h, std::chrono::hours(24 * 365), server_alt_names(options));
-    auto server = std::make_unique<httplib::SSLServer>(identity->certificate.get(), identity->key.get());
-    if (options.legacy_tls && server->is_valid())
-        limit_to_legacy_tls(server->ssl_context());
-    return server;
-}
-
-// Written whole under another name first, so a reader never sees half a number.
-void write_port_file(const std::string& path, int port)
+// Written whole under another name first, so a reader never sees half of it.
+void write_whole_file(const std::string& path, const std::string& content)
 {
     const std::string partial = path + ".partial";
     {
         std::ofstream file(partial, std::ios::trunc);
-        file << port << '\n';
+        file << content;
         if (!file.flush())
             throw std::runtime_error("cannot write " + partial);
     }
     if (std::rename(partial.c_str(), path.c_str()) != 0)
         throw std::runtime_error("cannot rename " + partial + " to " + path);
+}
+
+std::unique_ptr<httplib::Server> make_server(const Options& options, std::optional<Identity>& identity)
+{
+    if (!options.tls)
+        return std::make_unique<httplib::Server>();
+    const std::string name = !options.tls_name.empty() ? options.tls_name : options.host.empty() ? "localhost" : options.host;
+    // RSA only where the legacy key exchange (DHE-RSA) needs it: generating it takes seconds on a
+    // slow machine, and far longer under emulation.
+    identity = make_self_signed_identity(name, -1h, std::chrono::hours(24 * 365), server_alt_names(options), "",
+                                         options.legacy_tls ? KeyKind::rsa : KeyKind::elliptic_curve);
+    auto server = std::make_unique<httplib::SSLServer>(identity->certificate.get(), identity->key.get());
+    if (options.legacy_tls && server->is_valid())
+        limit_to_legacy_tls(server->ssl_context());
+    if (!options.tls_certificate_output.empty())
+        write_whole_file(options.tls_certificate_output, certificate_pem(identity->certificate.get()));
+    return server;
 }
 
 int make_certificate_file(const Options& options)
@@ -160,27 +166,37 @@ std::string wait_for_stop_reason(const Options& options, const std::atomic<bool>
     return {};
 }
 
-// A queued answer as it was asked for, cut short and held up where the script says so.
-void send_scripted(const ScriptedAnswer& answer, httplib::Response& response, StopFlag& stopping)
+// A queued answer as it was asked for, cut short and held up where the script says so; a processed
+// one sends the service's own reply unless the script replaces its parts.
+void send_scripted(const ScriptedAnswer& answer, const Reply* processed, httplib::Response& response, StopFlag& stopping)
 {
     stopping.wait_for(std::chrono::milliseconds(answer.delay_ms));
-    response.status = answer.status;
+    response.status = answer.status.value_or(processed ? processed->status : 200);
     for (const auto& [name, value] : answer.headers)
         response.set_header(name, value);
+    const std::string& body = processed && answer.body.empty() ? processed->body : answer.body;
+    const std::string content_type = answer.content_type.value_or(processed ? processed->content_type : "text/xml; charset=utf-8");
     if (!answer.cut_after) {
-        response.set_content(answer.body, answer.content_type);
+        response.set_content(body, content_type);
         return;
     }
     // Announces the whole body but sends only part of it, then closes the connection.
-    const size_t sent = std::min(*answer.cut_after, answer.body.size());
+    const size_t sent = std::min(*answer.cut_after, body.size());
     response.set_content_provider(
-        answer.body.size(), answer.content_type,
-        [body = answer.body, sent, hang = answer.hang_ms, &stopping](size_t offset, size_t, httplib::DataSink& sink) {
+        body.size(), content_type,
+        [body, sent, hang = answer.hang_ms, &stopping](size_t offset, size_t, httplib::DataSink& sink) {
             if (offset < sent)
                 return sink.write(body.data() + offset, sent - offset);
             stopping.wait_for(std::chrono::milliseconds(hang));
             return false;
         });
+}
+
+std::string scripted_summary(const ScriptedAnswer& answer, size_t bytes)
+{
+    return std::to_string(bytes) + " bytes" + (answer.cut_after ? ", cut after " + std::to_string(*answer.cut_after) : "") +
+           (answer.status ? ", status " + std::to_string(*answer.status) : "") +
+           (answer.delay_ms > 0 ? ", delayed " + std::to_string(answer.delay_ms) + " ms" : "");
 }
 
 // What every endpoint shares: the log, the scripted answers and the stop flag.
@@ -191,13 +207,22 @@ public:
     {
     }
 
-    // Wraps an endpoint: the request is recorded, a queued answer wins, and every request gets an
-    // answer and a log line, even when the endpoint throws. The simulator's controls are not recorded.
+    // Wraps an endpoint: the request is recorded, a queued answer wins (or spoils the endpoint's own
+    // when it asks for the request to be processed), and every request gets an answer and a log
+    // line, even when the endpoint throws. The simulator's controls are not recorded.
     httplib::Server::Handler operator()(std::function<Reply(const httplib::Request&)> answer, bool control = false)
     {
         return [this, answer = std::move(answer), control](const httplib::Request& request, httplib::Response& response) {
-            if (!control && serve_queued(request, response))
+            std::optional<ScriptedAnswer> queued;
+            if (!control) {
+                m_scripted.record(request);
+                queued = m_scripted.take(request.path, [&] { return requested_operation(request); });
+            }
+            if (queued && !queued->process) {
+                send_scripted(*queued, nullptr, response, m_stopping);
+                write_log(request, response.status, "-> scripted answer, " + scripted_summary(*queued, queued->body.size()));
                 return;
+            }
             Reply reply;
             try {
                 reply = answer(request);
@@ -207,6 +232,13 @@ public:
                 reply.body = std::string("internal simulator error: ") + error.what() + "\n";
                 reply.summary = std::string("-> internal error: ") + error.what();
             }
+            if (queued) {
+                send_scripted(*queued, &reply, response, m_stopping);
+                write_log(request, response.status,
+                          reply.summary + ", answer lost: " +
+                              scripted_summary(*queued, queued->body.empty() ? reply.body.size() : queued->body.size()));
+                return;
+            }
             response.status = reply.status;
             response.set_content(reply.body, reply.content_type);
             write_log(request, reply.status, reply.summary);
@@ -214,19 +246,6 @@ public:
     }
 
 private:
-    bool serve_queued(const httplib::Request& request, httplib::Response& response)
-    {
-        m_scripted.record(request);
-        const std::optional<ScriptedAnswer> answer = m_scripted.take(request.path);
-        if (!answer)
-            return false;
-        send_scripted(*answer, response, m_stopping);
-        write_log(request, answer->status,
-                  "-> scripted answer, " + std::to_string(answer->body.size()) + " bytes" +
-                      (answer->cut_after ? ", cut after " + std::to_string(*answer->cut_after) : ""));
-        return true;
-    }
-
     void write_log(const httplib::Request& request, int status, const std::string& summary)
     {
         m_log.write(request.method + " " + request.path + " " + std::to_string(status) + " " + summary);
@@ -253,7 +272,9 @@ int run_server(const Options& options)
     StopFlag stopping;
     TicketRegistry tickets(std::chrono::seconds(options.ticket_seconds), std::chrono::seconds(options.refuse_relogin_seconds));
     LoginService login(options.services, options.relations, tickets);
-    InvoicingService invoicing(tickets);
+    InvoicingSettings settings{options.padron_file.empty() ? Padron() : Padron::from_file(options.padron_file),
+                               options.receptor_condition_required_from, options.events};
+    InvoicingService invoicing(tickets, std::move(settings));
     ScriptedAnswers scripted;
     Routes route(log, scripted, stopping);
 
@@ -274,8 +295,12 @@ int run_server(const Options& options)
                                            [&](const httplib::Request& request) {
                                                try {
                                                    auto [path, answer] = scripted_answer_from(request);
+                                                   const std::string what =
+                                                       "queued for " + path +
+                                                       (answer.operation.empty() ? "" : " " + answer.operation) +
+                                                       (answer.process ? ", processed then lost" : "");
                                                    scripted.queue(path, std::move(answer));
-                                                   return text_reply(200, "queued for " + path, "-> queued for " + path);
+                                                   return text_reply(200, what, "-> " + what);
                                                } catch (const std::invalid_argument& error) {
                                                    return text_reply(400, error.what(), std::string("-> ") + error.what());
                                                }
@@ -334,7 +359,7 @@ int run_server(const Options& options)
     log.write(std::string("listening on ") + (options.tls ? "https://" : "http://") + host_in_url(options.host) + ":" +
               std::to_string(port));
     if (!options.port_file.empty())
-        write_port_file(options.port_file, port);
+        write_whole_file(options.port_file, std::to_string(port) + "\n");
 
     std::atomic<bool> server_finished{false};
     std::string stop_reason;
@@ -374,6 +399,10 @@ int main(int argc, char** argv)
     }
     if (options.help) {
         std::cout << usage_text();
+        return 0;
+    }
+    if (options.rules) {
+        std::cout << voucher_rules_table();
         return 0;
     }
 

@@ -5,6 +5,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "argentina_time.h"
+
 namespace {
 
 bool is_cuit(const std::string& text)
@@ -80,6 +82,8 @@ Options parse_options(int argc, char** argv)
             options.legacy_tls = true;
         } else if (option == "--tls-name") {
             options.tls_name = take_value();
+        } else if (option == "--tls-cert-out") {
+            options.tls_certificate_output = take_value();
         } else if (option == "--port-file") {
             options.port_file = take_value();
         } else if (option == "--services") {
@@ -97,6 +101,24 @@ Options parse_options(int argc, char** argv)
             options.non_xml_answer = true;
         } else if (option == "--max-seconds") {
             options.max_seconds = parse_whole_number(option, take_value(), 0, unlimited);
+        } else if (option == "--receptor-condition-required-from") {
+            const std::string date = take_value();
+            if (date.size() != 10 || date[4] != '-' || date[7] != '-' ||
+                !day_of_date(date.substr(0, 4) + date.substr(5, 2) + date.substr(8, 2)))
+                throw std::invalid_argument(option + " expects a date YYYY-MM-DD, not '" + date + "'");
+            options.receptor_condition_required_from = date.substr(0, 4) + date.substr(5, 2) + date.substr(8, 2);
+        } else if (option == "--padron") {
+            options.padron_file = take_value();
+        } else if (option == "--event") {
+            const std::string event = take_value();
+            const size_t colon = event.find(':');
+            if (colon == std::string::npos || colon + 1 == event.size())
+                throw std::invalid_argument("--event expects CODE:TEXT, not '" + event + "'");
+            options.events.emplace_back(static_cast<int>(parse_whole_number(option, event.substr(0, colon), 0, 2147483647)),
+                                        event.substr(colon + 1));
+        } else if (option == "--rules") {
+            no_value();
+            options.rules = true;
         } else if (option == "--make-certificate") {
             options.certificate_output = take_value();
         } else if (option == "--password") {
@@ -117,10 +139,10 @@ Options parse_options(int argc, char** argv)
         }
     }
 
-    if (options.help)
+    if (options.help || options.rules)
         return options;
-    if (!options.tls && (options.legacy_tls || !options.tls_name.empty()))
-        throw std::invalid_argument("--legacy-tls and --tls-name go with --tls");
+    if (!options.tls && (options.legacy_tls || !options.tls_name.empty() || !options.tls_certificate_output.empty()))
+        throw std::invalid_argument("--legacy-tls, --tls-name and --tls-cert-out go with --tls");
     if (options.certificate_output.empty() &&
         (options.password_given || options.certificate_expired || options.cuit_given ||
          options.certificate_common_name != "simulator-client"))
@@ -144,6 +166,8 @@ Server options:
   --tls                   serve HTTPS with a certificate generated at start-up
   --tls-name NAME         the certificate names NAME rather than the listening address
                           (to stand in for AFIP's host names)
+  --tls-cert-out FILE     write the server's certificate to FILE (PEM) before listening, for a
+                          client that verifies it (TARVO_TLS_VERIFY=1 TARVO_CA_FILE=FILE)
   --legacy-tls            TLS 1.2 at most, key exchange only by DHE-RSA with a 1024-bit group:
                           what a current client refuses unless it lowers its security level
   --port-file FILE        write the bound port and a newline to FILE once listening
@@ -159,6 +183,30 @@ Server options:
   --non-xml-answer        the invoicing endpoint answers 200 with a plain-text body
   --max-seconds N         stop after N seconds; 0 runs until SIGINT or SIGTERM (default 0)
 
+Invoicing rules:
+  --receptor-condition-required-from YYYY-MM-DD
+                          from this date (Argentina's) a voucher without CondicionIVAReceptorId
+                          is rejected with Obs 10246; before it, approved with Obs 10245
+                          (default 2026-12-01, RG 5616 in production)
+  --padron FILE           the registered CUITs: a JSON object {"<11 digits>": <condition id of
+                          FEParamGetCondicionIvaReceptor>, ...}; it decides Obs 10015, 10017,
+                          10063 and 10217. Without it a built-in padron holds:
+                            1 IVA Responsable Inscripto   20111111112 (the certificates' CUIT),
+                                                          30500010912
+                            4 IVA Sujeto Exento           30711111111
+                            5 Consumidor Final            20333333334
+                            6 Responsable Monotributo     20222222223, 30000000007
+                            7 Sujeto No Categorizado      23000000000
+                            8 Proveedor del Exterior      30722222225
+                            9 Cliente del Exterior        30733333339
+                           10 IVA Liberado - Ley 19.640   20555555556
+                           13 Monotributista Social       27666666661
+                           15 IVA No Alcanzado            30744444442
+                           16 Monotributo Trabajador Independiente Promovido  20777777778
+  --event CODE:TEXT       add Events/Evt with that code and text to every WSFEv1 answer
+                          (repeatable), as AFIP announces changes
+  --rules                 print the rules FECAESolicitar applies, as a Markdown table, and exit
+
 Certificate maker (writes a file and exits):
   --make-certificate OUT.p12 --password PASS [--cn NAME] [--cuit CUIT] [--expired]
                           write a self-signed client certificate and key as PKCS#12;
@@ -168,19 +216,22 @@ Certificate maker (writes a file and exits):
 
 Endpoints (SOAP 1.1; GET with ?wsdl or ?WSDL gives the service description):
   POST /ws/services/LoginCms   WSAA loginCms
-  POST /wsfev1/service.asmx    WSFEv1: FEDummy, FECompUltimoAutorizado, FECAESolicitar,
-                               FECompConsultar, FECompTotXRequest, FEParamGetPtosVenta,
-                               FEParamGetTiposCbte, FEParamGetTiposDoc, FEParamGetTiposIva,
-                               FEParamGetTiposMonedas, FEParamGetTiposConcepto,
-                               FEParamGetTiposTributos, FEParamGetCondicionIvaReceptor,
-                               FEParamGetCotizacion; the operation is the SOAPAction's, or the
+  POST /wsfev1/service.asmx    WSFEv1, its 22 operations: FEDummy, FECompUltimoAutorizado,
+                               FECAESolicitar, FECompConsultar, FECompTotXRequest, the CAEA ones
+                               (FECAEASolicitar, FECAEAConsultar, FECAEARegInformativo,
+                               FECAEASinMovimientoInformar, FECAEASinMovimientoConsultar) and the
+                               FEParamGet ones; the operation is the SOAPAction's, or the
                                body's when there is no SOAPAction header
 For a host's own tests:
-  POST /simulator/answers?path=P[&status=N][&content_type=T][&header=H]...[&delay_ms=N]
-                         [&cut_after=N][&hang_ms=N]
-                               queues the request's body as the next answer to path P: status N,
+  POST /simulator/answers?path=P[&operation=NAME][&process=1][&status=N][&content_type=T]
+                         [&header=H]...[&delay_ms=N][&cut_after=N][&hang_ms=N]
+                               queues the request's body as the next answer to path P (to the
+                               next request for operation NAME only, when given): status N,
                                extra header lines H, after a delay; cut_after closes the
-                               connection after N body bytes (and hang_ms waits before that)
+                               connection after N body bytes (and hang_ms waits before that).
+                               process=1: the request is served as usual (a voucher is really
+                               authorised), then its answer is lost as status, delay_ms,
+                               cut_after or hang_ms say; a body, when given, replaces it
   GET  /simulator/requests[?path=P]
                                the requests received (JSON: method, path, headers, body)
 

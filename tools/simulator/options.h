@@ -2,6 +2,7 @@
 #define TARVO_SIMULATOR_OPTIONS_H
 
 #include <string>
+#include <utility>
 #include <vector>
 
 struct Options {
@@ -10,6 +11,7 @@ struct Options {
     bool tls = false;
     bool legacy_tls = false;
     std::string tls_name;
+    std::string tls_certificate_output;
     std::string port_file;
     std::vector<std::string> services{"wsfe"};
     long ticket_seconds = 43200;
@@ -18,6 +20,10 @@ struct Options {
     long service_delay_ms = 0;
     bool non_xml_answer = false;
     long max_seconds = 0;
+    std::string receptor_condition_required_from = "20261201"; // yyyymmdd
+    std::string padron_file;
+    std::vector<std::pair<int, std::string>> events;
+    bool rules = false;
 
     std::string certificate_output;
     std::string certificate_password;

@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "options.h"
+#include "soap.h"
 
 namespace {
 
@@ -29,7 +30,10 @@ std::pair<std::string, ScriptedAnswer> scripted_answer_from(const httplib::Reque
         throw std::invalid_argument("path expects the path the answer is for, such as /wsfev1/service.asmx");
 
     ScriptedAnswer answer;
-    answer.status = static_cast<int>(number_parameter(control, "status", 100, 599, 200));
+    answer.operation = control.get_param_value("operation");
+    answer.process = number_parameter(control, "process", 0, 1, 0) == 1;
+    if (control.has_param("status"))
+        answer.status = static_cast<int>(number_parameter(control, "status", 100, 599, 200));
     if (control.has_param("content_type"))
         answer.content_type = control.get_param_value("content_type");
     for (size_t i = 0; i < control.get_param_value_count("header"); ++i) {
@@ -45,6 +49,10 @@ std::pair<std::string, ScriptedAnswer> scripted_answer_from(const httplib::Reque
     if (control.has_param("cut_after"))
         answer.cut_after = static_cast<size_t>(number_parameter(control, "cut_after", 0, unlimited, 0));
     answer.hang_ms = number_parameter(control, "hang_ms", 0, unlimited, 0);
+    if (control.has_param("hang_ms") && !answer.cut_after)
+        answer.cut_after = 0;
+    if (answer.process && !answer.status && !answer.cut_after && answer.body.empty() && answer.delay_ms == 0)
+        throw std::invalid_argument("process=1 needs cut_after, hang_ms, status, delay_ms or a body: how the answer is lost");
     return {path, std::move(answer)};
 }
 
@@ -54,15 +62,38 @@ void ScriptedAnswers::queue(const std::string& path, ScriptedAnswer answer)
     m_queues[path].push_back(std::move(answer));
 }
 
-std::optional<ScriptedAnswer> ScriptedAnswers::take(const std::string& path)
+std::string requested_operation(const httplib::Request& request)
+{
+    std::string action = request.get_header_value("SOAPAction");
+    if (action.size() >= 2 && action.front() == '"' && action.back() == '"')
+        action = action.substr(1, action.size() - 2);
+    if (!action.empty())
+        return action.substr(action.find_last_of('/') + 1);
+    pugi::xml_document document;
+    document.load_buffer(request.body.data(), request.body.size());
+    return local_name(soap_body_content(document));
+}
+
+std::optional<ScriptedAnswer> ScriptedAnswers::take(const std::string& path, const std::function<std::string()>& operation)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     const auto found = m_queues.find(path);
-    if (found == m_queues.end() || found->second.empty())
+    if (found == m_queues.end())
         return std::nullopt;
-    ScriptedAnswer answer = std::move(found->second.front());
-    found->second.pop_front();
-    return answer;
+    std::deque<ScriptedAnswer>& queue = found->second;
+    std::optional<std::string> asked;
+    for (auto answer = queue.begin(); answer != queue.end(); ++answer) {
+        if (!answer->operation.empty()) {
+            if (!asked)
+                asked = operation();
+            if (answer->operation != *asked)
+                continue;
+        }
+        ScriptedAnswer taken = std::move(*answer);
+        queue.erase(answer);
+        return taken;
+    }
+    return std::nullopt;
 }
 
 void ScriptedAnswers::record(const httplib::Request& request)
