@@ -12,11 +12,30 @@ configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/tarvoafipdriverConfig.cm
   ${CMAKE_CURRENT_BINARY_DIR}/tarvoafipdriverConfig.cmake INSTALL_DESTINATION ${TARVO_CMAKE_DIR})
 write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/tarvoafipdriverConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
-configure_file(${CMAKE_CURRENT_LIST_DIR}/tarvoafipdriver.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tarvoafipdriver.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tarvoafipdriverConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/tarvoafipdriverConfigVersion.cmake DESTINATION ${TARVO_CMAKE_DIR} COMPONENT development)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tarvoafipdriver.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
-  COMPONENT development)
+
+# The pkg-config file is finished at install time, when the prefix is known (cmake --install
+# --prefix may name one the configuration never saw). Under /usr, the distribution's place, it
+# names /usr itself, so that pkg-config leaves the system directories out of the flags; anywhere
+# else it finds the prefix from its own location, so the whole tree may move later.
+set(TARVO_PC_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+set(TARVO_PC_PREFIX @TARVO_PC_PREFIX@)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/tarvoafipdriver.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tarvoafipdriver.pc.in @ONLY)
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}" OR IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
+  set(tarvo_pc_relative_prefix "")
+else()
+  file(RELATIVE_PATH tarvo_pc_relative_prefix /prefix/${TARVO_PC_DIR} /prefix)
+  string(REGEX REPLACE "/$" "" tarvo_pc_relative_prefix "${tarvo_pc_relative_prefix}")
+endif()
+install(CODE "
+  set(TARVO_PC_PREFIX \"\${CMAKE_INSTALL_PREFIX}\")
+  if(NOT TARVO_PC_PREFIX STREQUAL \"/usr\" AND NOT \"${tarvo_pc_relative_prefix}\" STREQUAL \"\")
+    set(TARVO_PC_PREFIX \"\\\${pcfiledir}/${tarvo_pc_relative_prefix}\")
+  endif()
+  configure_file(\"${CMAKE_CURRENT_BINARY_DIR}/tarvoafipdriver.pc.in\" \"${CMAKE_CURRENT_BINARY_DIR}/tarvoafipdriver.pc\" @ONLY)
+  " COMPONENT development)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tarvoafipdriver.pc DESTINATION ${TARVO_PC_DIR} COMPONENT development)
 
 # Debian wants every package to carry the copyright and a compressed changelog in its doc folder.
 set(tarvo_components runtime development)
@@ -24,6 +43,11 @@ set(tarvo_package_names libtarvoafipdriver1 libtarvoafipdriver-dev)
 if(TARVO_BUILD_TOOLS)
   list(APPEND tarvo_components tools)
   list(APPEND tarvo_package_names tarvoafip-tools)
+endif()
+if(tarvo_top_level)
+  add_subdirectory(${PROJECT_SOURCE_DIR}/bindings ${PROJECT_BINARY_DIR}/bindings)
+  list(APPEND tarvo_components ${tarvo_binding_components})
+  list(APPEND tarvo_package_names ${tarvo_binding_packages})
 endif()
 execute_process(COMMAND gzip -9n -c ${CMAKE_CURRENT_LIST_DIR}/changelog
   OUTPUT_FILE ${CMAKE_CURRENT_BINARY_DIR}/changelog.gz)
@@ -72,4 +96,28 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libtarvoafipdriver1 (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "AFIP simulator and command-line host for libtarvoafipdriver
 afip_simulator stands in for AFIP's WSAA and WSFEv1 services on loopback;
-tarvoafip_cli sends one SOAP request through the library.")
+tarvoafip_cli sends one SOAP request through the library, or authorises one
+invoice given as JSON, recovers a lost answer and makes AFIP's QR code.")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3, libtarvoafipdriver1 (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS "python3-qrcode")
+set(CPACK_DEBIAN_PYTHON_DESCRIPTION "client library for AFIP's SOAP web services (Python 3)
+The module tarvoafip calls libtarvoafipdriver through ctypes;
+tarvoafip.invoicing authorises an invoice at most once, recovers a lost
+answer, reads FECAESolicitar's answer and makes AFIP's QR code.")
+set(CPACK_DEBIAN_JAVA_PACKAGE_SECTION java)
+set(CPACK_DEBIAN_JAVA_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_JAVA_PACKAGE_DEPENDS
+  "default-jre-headless | java11-runtime-headless, libjna-java, libtarvoafipdriver1 (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_JAVA_DESCRIPTION "client library for AFIP's SOAP web services (Java)
+The jar tarvoafip.jar calls libtarvoafipdriver through JNA (class
+ar.tarvo.afip.TarvoAfip) and reads WSFEv1's invoicing answers and makes AFIP's
+QR address (ar.tarvo.afip.Invoicing).")
+set(CPACK_DEBIAN_PASCAL_PACKAGE_SECTION devel)
+set(CPACK_DEBIAN_PASCAL_PACKAGE_DEPENDS
+  "fp-compiler-${tarvo_fpc_version}, fp-units-fcl-${tarvo_fpc_version}, libtarvoafipdriver-dev (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_PASCAL_DESCRIPTION "client library for AFIP's SOAP web services (Free Pascal units)
+The units tarvoafip (the library's functions) and tarvoafipinvoicing (WSFEv1's
+invoicing answers and AFIP's QR address), compiled where Free Pascal finds
+them, and their sources for hosts that load the library at run time.")

@@ -2,7 +2,9 @@
 # Proves the packages on a clean system: installs them into a fresh minimal Debian root of their
 # architecture, builds the example host there against the installed library twice (pkg-config, and
 # CMake's find_package), and runs both against the simulator from the tools package: a login and
-# one request must give result 0.
+# one request must give result 0. Then every invoice example authorises a voucher through what the
+# packages installed: tarvoafip_cli invoice, the C example, the Python module (python3-tarvoafip),
+# the Pascal units (fp-units-tarvoafip) and, where a Java VM runs, the jar (libtarvoafip-java).
 #   scripts/check-packages.sh amd64|i386 [PACKAGE_DIRECTORY]        (as root)
 # The pristine root (debootstrap minbase plus compiler, cmake and pkg-config) is made once and kept
 # as a tarball in $TARVO_CLEAN_ROOT_CACHE (default /var/cache/tarvoafip); every run unpacks a fresh
@@ -14,7 +16,6 @@ source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 arch=${1:?usage: check-packages.sh amd64|i386 [PACKAGE_DIRECTORY]}
 packages=$(cd "${2:-$source_dir/packages}" && pwd)
 cache=${TARVO_CLEAN_ROOT_CACHE:-/var/cache/tarvoafip}
-mirror=${TARVO_I386_MIRROR:-http://deb.debian.org/debian}
 pristine=$cache/clean-$arch.tar
 
 require_root
@@ -22,6 +23,23 @@ ls "$packages"/*_"$arch".deb >/dev/null 2>&1 || die "no $arch packages in $packa
 
 enter_private_mounts "$@"
 command -v debootstrap >/dev/null || "$source_dir/scripts/install-deps.sh" package
+if [ "$arch" = i386 ]; then
+  ensure_i386_runs
+fi
+
+# The bindings' packages are built for all architectures; the Java VM does not run under emulation.
+debs=("$packages"/*_"$arch".deb)
+for deb in "$packages"/*_all.deb; do
+  [ -e "$deb" ] || continue
+  case $(basename "$deb") in
+    libtarvoafip-java_*)
+      if [ "$arch" = i386 ] && $i386_emulated; then
+        log "not run: the Java invoice example on i386, since the 32-bit Java VM aborts (SIGABRT) under user-mode emulation; it runs on amd64"
+        continue
+      fi ;;
+  esac
+  debs+=("$deb")
+done
 
 root=$(mktemp -d /tmp/tarvo-clean-"$arch".XXXXXX)
 trap 'unmount_all; rm -rf --one-file-system "$root"' EXIT
@@ -32,7 +50,7 @@ exec 9>"$pristine.lock"
 flock 9
 if [ ! -f "$pristine" ]; then
   log "making the pristine $arch root once"
-  debootstrap --arch="$arch" --variant=minbase bookworm "$root" "$mirror" >/dev/null
+  debootstrap --arch="$arch" --variant=minbase bookworm "$root" "$(debian_mirror)" >/dev/null
   prepare_root
   mount_system
   in_root apt-get update -qq
@@ -48,14 +66,20 @@ tar -C "$root" -xf "$pristine"
 prepare_root
 mount_system
 
-log "installing the packages: $(cd "$packages" && echo *_"$arch".deb)"
+log "installing the packages: $(for deb in "${debs[@]}"; do basename "$deb"; done | tr '\n' ' ')"
 mkdir -p "$root/tmp/packages" "$root/tmp/host"
-cp "$packages"/*_"$arch".deb "$root/tmp/packages/"
+cp "${debs[@]}" "$root/tmp/packages/"
 in_root apt-get update -qq
 in_root sh -c 'apt-get install -y -qq --no-install-recommends /tmp/packages/*.deb >/dev/null'
+# The jar's package needs only a Java runtime; the example is compiled here.
+if ls "$root"/tmp/packages/libtarvoafip-java_*.deb >/dev/null 2>&1; then
+  in_root apt-get install -y -qq --no-install-recommends default-jdk-headless >/dev/null
+fi
 
 log "building the example host against the installed library"
-cp "$source_dir/examples/c/minimal_host.c" "$source_dir/examples/c/CMakeLists.txt" "$root/tmp/host/"
+cp "$source_dir/examples/c/minimal_host.c" "$source_dir/examples/c/invoice.c" "$source_dir/examples/c/CMakeLists.txt" \
+  "$source_dir/examples/python/invoice.py" "$source_dir/examples/pascal/invoice.pas" \
+  "$source_dir/examples/java/Invoice.java" "$root/tmp/host/"
 in_root sh -c 'cd /tmp/host && cc -std=c99 -Wall -o host-pkg-config minimal_host.c $(pkg-config --cflags --libs tarvoafipdriver)'
 in_root sh -c 'cd /tmp/host && cmake -S . -B build >/dev/null && cmake --build build >/dev/null'
 
@@ -76,6 +100,31 @@ in_root sh -c '
     echo "$host: result 0, $(grep -o "<AppServer>[^<]*</AppServer>" answer)"
     cd ..
   done
+
+  # Each invoice example authorises the next Factura B of the installed samples: numbers 1, 2, ...
+  wsaa="https://127.0.0.1:$port/ws/services/LoginCms"
+  wsfe="https://127.0.0.1:$port/wsfev1/service.asmx"
+  cc -std=c99 -Wall -o invoice-c invoice.c $(pkg-config --cflags --libs tarvoafipdriver)
+  fpc -v0 -oinvoice-pascal invoice.pas >/dev/null
+  set -- "./invoice-c" "python3 invoice.py" "./invoice-pascal"
+  if [ -f /usr/share/java/tarvoafip.jar ]; then
+    javac -cp /usr/share/java/tarvoafip.jar -d java Invoice.java
+    set -- "$@" "java -cp /usr/share/java/tarvoafip.jar:java Invoice"
+  fi
+  number=0
+  for example in "$@"; do
+    number=$((number + 1))
+    $example "$wsaa" host.p12 pw wsfe "$wsfe" /usr/share/tarvoafip/samples >invoice-answer
+    grep -qx "CbteNro $number" invoice-answer
+    grep -q "^CAE [0-9]\{14\} due " invoice-answer
+    grep -q "^QR https://www.afip.gob.ar/fe/qr/?p=" invoice-answer
+    echo "$example: voucher $number, $(grep "^CAE" invoice-answer)"
+  done
+  tarvoafip_cli invoice --wsaa-url "$wsaa" --certificate host.p12 --password pw --service wsfe --url "$wsfe" \
+    --cuit 20111111112 --invoice /usr/share/tarvoafip/samples/factura_b.json --qr-png qr.png >invoice-answer
+  grep -q "\"Resultado\":\"A\",\"PtoVta\":1,\"CbteTipo\":6,\"CbteNro\":$((number + 1))," invoice-answer
+  [ -s qr.png ]
+  echo "tarvoafip_cli invoice: voucher $((number + 1)) and its QR image"
   kill $simulator
 '
-log "the $arch packages install, build a host and run on a clean system"
+log "the $arch packages install, build a host, invoice and run on a clean system"

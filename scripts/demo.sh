@@ -48,6 +48,12 @@ echo
 echo "== a Factura B, number 1, with IVA 21 %: authorised with a CAE"
 send FECAESolicitar fe_cae_solicitar.xml
 echo
+echo "== the next Factura B from a JSON voucher, without XML: number, CAE and AFIP's QR address"
+"$cli" invoice --wsaa-url "https://127.0.0.1:$port/ws/services/LoginCms" \
+       --certificate "$work/demo.p12" --service wsfe \
+       --url "https://127.0.0.1:$port/wsfev1/service.asmx" \
+       --cuit 20111111112 --invoice "$root/tools/cli/samples/factura_b.json" --qr-png "$work/qr.png"
+echo
 echo "== credentials.json"
 cat credentials.json
 echo "== what the simulator served"

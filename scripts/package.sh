@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Makes the Debian packages libtarvoafipdriver1, libtarvoafipdriver-dev and tarvoafip-tools in
+# Makes the Debian packages libtarvoafipdriver1, libtarvoafipdriver-dev, tarvoafip-tools and the
+# bindings' python3-tarvoafip, libtarvoafip-java (where a JDK runs) and fp-units-tarvoafip in
 # packages/ (or $TARVO_PACKAGE_OUT): a Release build for /usr, stripped, with dependencies
 # computed from the binaries by dpkg-shlibdeps, then checked by lintian.
 #   scripts/package.sh          for this machine (amd64)
@@ -27,5 +28,8 @@ case "${1:-}" in
 esac
 
 # Errors fail the packaging; the rest of lintian's findings are shown.
-lintian --fail-on error --suppress-tags-from-file /dev/null "$out"/*_"$arch".deb
-ls -l "$out"/*_"$arch".deb
+all=$(ls "$out"/*_all.deb 2>/dev/null || true)
+# shellcheck disable=SC2086
+lintian --fail-on error --suppress-tags-from-file /dev/null "$out"/*_"$arch".deb $all
+# shellcheck disable=SC2086
+ls -l "$out"/*_"$arch".deb $all

@@ -6,7 +6,12 @@
   libtarvoafipdriver.so.1 through the dynamic loader's search path.
 
   Text is passed as PAnsiChar (UTF-8 bytes, NUL-terminated). The library's state is process-wide:
-  serialise every call. }
+  serialise every call.
+
+  TLS verification is off unless the process's environment asks for it: TARVO_TLS_VERIFY=1 checks
+  the servers' certificates and host names, against the PEM certificates in the file named by
+  TARVO_CA_FILE, else the system's store. The library reads both at every SendSOAP, so they hold
+  for the whole process: set them in the environment the program starts with. }
 unit tarvoafip;
 
 {$IFDEF FPC}{$MODE DELPHI}{$ENDIF}

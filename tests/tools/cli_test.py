@@ -16,8 +16,13 @@ class Alone(unittest.TestCase):
                                    (["--tls-level", "three"], "whole number"), (["--tls-level", "5"], "1..4"),
                                    (["--tls-level", "0"], "1..4"), (["--timeout-ms", "-1"], "range"),
                                    (["--timeout-ms", "4294967296"], "range"), (["--log=yes"], "takes no value"),
+                                   (["--tls-verify=1"], "takes no value"), (["--ca-file"], "needs a value"),
                                    (["--env", "staging"], "homologation or production"),
-                                   (["--operation", "FEDummmy"], "WSFEv1 operation")):
+                                   (["--operation", "FEDummmy"], "WSFEv1 operation"),
+                                   (["invoice", "--cuit", "20111111112"], "invoice needs --cuit CUIT and --invoice"),
+                                   (["invoice", "--cuit", "0", "--invoice", "-"], "1..99999999999"),
+                                   (["invoice", "--request", "r"], "unknown option '--request' for invoice"),
+                                   (["--qr-png", "q.png"], "unknown option '--qr-png'")):
             result = run([CLI] + arguments)
             self.assertEqual((result.returncode, result.stdout), (64, ""), arguments)
             self.assertIn("tarvoafip_cli: ", result.stderr)

@@ -9,6 +9,10 @@
 
 // Everything the command line asked for; an absent option leaves its setter uncalled.
 struct CliOptions {
+    bool invoice = false; // "tarvoafip_cli invoice ...": authorise one voucher from a JSON file
+    std::optional<std::int64_t> cuit;
+    std::string invoice_file; // "-": standard input
+    std::string qr_png_file;
     std::string library_path; // empty: TARVO_LIBRARY, the build tree's copy, or the installed library
     std::optional<std::string> wsaa_url;
     std::optional<std::string> certificate_path;
@@ -21,6 +25,8 @@ struct CliOptions {
     std::optional<std::string> proxy_password;
     std::optional<int32_t> tls_level;
     std::optional<uint32_t> timeout_ms;
+    bool tls_verify = false;  // sets TARVO_TLS_VERIFY=1 for the library
+    std::string ca_file;      // sets TARVO_CA_FILE
     std::vector<std::string> headers; // in command-line order, duplicates kept, the SOAPAction last
     std::string request_file;         // empty or "-": standard input
     bool print_log = false;

@@ -1,5 +1,9 @@
 #include "host_messages.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
@@ -75,4 +79,17 @@ std::string time_zone_warning(long offset_seconds)
     return "warning: this process runs at UTC" + format_utc_offset(offset_seconds) +
            ", but WSAA reads login ticket times as Argentina's local time (UTC-03:00); "
            "run with TZ=America/Argentina/Buenos_Aires";
+}
+
+std::string ticket_cache_warning(const std::string& directory, const std::string& cache_file)
+{
+    const std::string cache = directory + "/" + cache_file;
+    const bool directory_writable = faccessat(AT_FDCWD, directory.c_str(), W_OK | X_OK, AT_EACCESS) == 0;
+    const bool cache_writable = faccessat(AT_FDCWD, cache.c_str(), W_OK, AT_EACCESS) == 0 || errno == ENOENT;
+    if (directory_writable && cache_writable)
+        return std::string();
+    return "warning: the login ticket cannot be kept, because " +
+           (directory_writable ? cache + " cannot be written" : "the working directory " + directory + " cannot be written") +
+           ": every run logs in again, and WSAA refuses a second login while the first ticket is valid "
+           "(result 9); run from a directory this user can write";
 }

@@ -17,4 +17,7 @@ std::string format_utc_offset(long seconds);
 // A warning when the offset is not Argentina's, empty otherwise.
 std::string time_zone_warning(long offset_seconds);
 
+// A warning when the ticket cannot be kept in `cache_file` inside `directory`, empty otherwise.
+std::string ticket_cache_warning(const std::string& directory, const std::string& cache_file);
+
 #endif

@@ -16,6 +16,7 @@
 #include "command_line.h"
 #include "driver_library.h"
 #include "host_messages.h"
+#include "invoice_command.h"
 #include "request_check.h"
 
 namespace {
@@ -87,6 +88,22 @@ std::optional<std::string> password(const CliOptions& options)
     return std::nullopt;
 }
 
+std::string working_directory()
+{
+    char path[4096];
+    return getcwd(path, sizeof path) != nullptr ? path : ".";
+}
+
+// The library takes verification from the environment, read on each call. A trust file given
+// means verification wanted.
+void request_tls_verification(const CliOptions& options)
+{
+    if (options.tls_verify || !options.ca_file.empty())
+        setenv("TARVO_TLS_VERIFY", "1", 1);
+    if (!options.ca_file.empty())
+        setenv("TARVO_CA_FILE", options.ca_file.c_str(), 1);
+}
+
 void apply_settings(const LoadedDriver& driver, const CliOptions& options, const std::optional<std::string>& password)
 {
     if (options.wsaa_url)
@@ -104,8 +121,10 @@ void apply_settings(const LoadedDriver& driver, const CliOptions& options, const
         driver.SetSecurity(*options.tls_level);
     if (options.timeout_ms)
         driver.SetTimeOut(*options.timeout_ms);
-    for (const std::string& header : options.headers)
-        driver.AddSOAPHeader(header.c_str());
+    // The invoice flow queues them again before each of its requests.
+    if (!options.invoice)
+        for (const std::string& header : options.headers)
+            driver.AddSOAPHeader(header.c_str());
 }
 
 // The log holds the live token and sign: written for its owner's eyes only, also over an older file.
@@ -123,12 +142,46 @@ bool write_private_file(const std::string& path, const std::string& data)
     return ::close(fd) == 0 && written;
 }
 
+// --log and --log-file: the transfer log of the last request; false when the file cannot be written.
+bool report_log(const LoadedDriver& driver, const CliOptions& options)
+{
+    if (!options.print_log && options.log_file.empty())
+        return true;
+    const std::string log = driver.transfer_log();
+    if (options.print_log) {
+        std::cerr.write(log.data(), static_cast<std::streamsize>(log.size()));
+        std::cerr.flush();
+    }
+    if (!options.log_file.empty() && !write_private_file(options.log_file, log)) {
+        complain("cannot write the transfer log to " + options.log_file);
+        return false;
+    }
+    return true;
+}
+
 int run(const CliOptions& options)
 {
     const LoadedDriver driver(options.library_path.empty() ? default_library_path() : options.library_path);
     if (options.show_version) {
         std::cout << "libtarvoafipdriver " << driver.version() << '\n';
         return 0;
+    }
+
+    if (options.invoice) {
+        std::optional<std::string> certificate_password;
+        try {
+            certificate_password = password(options);
+        } catch (const std::runtime_error& error) {
+            complain(error.what());
+            return exit_no_input;
+        }
+        if (const std::string warning = time_zone_warning(utc_offset_seconds(std::time(nullptr))); !warning.empty())
+            complain(warning);
+        apply_settings(driver, options, certificate_password);
+        const int status = run_invoice(driver, options);
+        // The voucher's outcome is printed already: a log that cannot be written does not hide it.
+        report_log(driver, options);
+        return status;
     }
 
     // Never wait silently for a request typed on a terminal.
@@ -151,12 +204,13 @@ int run(const CliOptions& options)
         return exit_no_input;
     }
 
-    for (const std::string& warning :
-         {time_zone_warning(utc_offset_seconds(std::time(nullptr))), ticket_element_warning(request)})
+    for (const std::string& warning : {time_zone_warning(utc_offset_seconds(std::time(nullptr))),
+                                       ticket_element_warning(request), ticket_cache_warning(working_directory(), "credentials.json")})
         if (!warning.empty())
             complain(warning);
 
     apply_settings(driver, options, certificate_password);
+    request_tls_verification(options);
     const int32_t result = driver.SendSOAP(request.c_str());
 
     // The answer is bytes, not text: written whole, whatever it holds.
@@ -164,17 +218,8 @@ int run(const CliOptions& options)
     std::cout.write(answer.data(), static_cast<std::streamsize>(answer.size()));
     std::cout.flush();
 
-    if (options.print_log || !options.log_file.empty()) {
-        const std::string log = driver.transfer_log();
-        if (options.print_log) {
-            std::cerr.write(log.data(), static_cast<std::streamsize>(log.size()));
-            std::cerr.flush();
-        }
-        if (!options.log_file.empty() && !write_private_file(options.log_file, log)) {
-            complain("cannot write the transfer log to " + options.log_file);
-            return exit_io;
-        }
-    }
+    if (!report_log(driver, options))
+        return exit_io;
 
     if (result != AFIP_OK)
         complain("result " + std::to_string(result) + ": " + explain_result(result));

@@ -10,6 +10,12 @@
     answer = driver.send_soap(request)               # bytes; raises TarvoAfipError on a result code
 
 The library's state is process-wide: one Driver per process, calls serialised.
+
+TLS verification is off unless asked for: Driver(tls_verify=True) checks the servers' certificates
+and host names against the system's store, Driver(tls_verify=True, ca_file="afip-chain.pem") against
+the PEM certificates in that file. Both are environment variables of the process (TARVO_TLS_VERIFY,
+TARVO_CA_FILE), read by the library at every send_soap: they hold for the whole process, for every
+Driver and for any other code in it that loads the library.
 """
 import ctypes
 import enum
@@ -85,7 +91,13 @@ def _bytes(text):
 class Driver:
     """The loaded library; each method is one of its functions. Text may be str (sent as UTF-8) or bytes."""
 
-    def __init__(self, library=None):
+    def __init__(self, library=None, tls_verify=None, ca_file=None):
+        """tls_verify: True or False sets TARVO_TLS_VERIFY for the whole process, None leaves it as it is;
+        ca_file: a PEM file of certificates to trust, set as TARVO_CA_FILE (it implies tls_verify)."""
+        if tls_verify is not None or ca_file:
+            os.environ["TARVO_TLS_VERIFY"] = "1" if tls_verify or (tls_verify is None and ca_file) else "0"
+        if ca_file:
+            os.environ["TARVO_CA_FILE"] = os.fspath(ca_file)
         self.library = ctypes.CDLL(_library_path(library))
         for name, (arguments, result) in _SIGNATURES.items():
             function = getattr(self.library, name)

@@ -20,6 +20,11 @@ import java.util.Map;
  * </pre>
  *
  * Text goes to the library as UTF-8. The library's state is process-wide: serialise every call.
+ *
+ * <p>TLS verification is off unless the process's environment asks for it: {@code TARVO_TLS_VERIFY=1}
+ * checks the servers' certificates and host names, against the PEM certificates in the file named by
+ * {@code TARVO_CA_FILE}, else the system's store. The library reads both at every call, so they hold
+ * for the whole JVM; Java cannot change its own environment, so set them where the JVM is started.
  */
 public final class TarvoAfip {
     public static final String SONAME = "libtarvoafipdriver.so.1";

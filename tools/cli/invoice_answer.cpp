@@ -1,0 +1,134 @@
+#include "invoice_answer.h"
+
+#include <pugixml.hpp>
+
+#include <cstring>
+
+namespace {
+
+const char* local_name(const pugi::xml_node& node)
+{
+    const char* name = node.name();
+    const char* colon = std::strchr(name, ':');
+    return colon != nullptr ? colon + 1 : name;
+}
+
+pugi::xml_node child(const pugi::xml_node& parent, const char* name)
+{
+    for (const pugi::xml_node& node : parent.children())
+        if (!std::strcmp(local_name(node), name))
+            return node;
+    return {};
+}
+
+std::string text(const pugi::xml_node& parent, const char* name)
+{
+    return child(parent, name).text().get();
+}
+
+// The first element of that local name anywhere below `root`, depth first.
+pugi::xml_node descendant(const pugi::xml_node& root, const char* name)
+{
+    return root.find_node([name](const pugi::xml_node& node) { return !std::strcmp(local_name(node), name); });
+}
+
+ServiceMessages messages(const pugi::xml_node& list)
+{
+    ServiceMessages result;
+    for (const pugi::xml_node& item : list.children()) {
+        if (item.type() != pugi::node_element)
+            continue;
+        result.push_back({child(item, "Code").text().as_llong(), text(item, "Msg")});
+    }
+    return result;
+}
+
+std::optional<pugi::xml_node> operation_result(pugi::xml_document& document, const std::string& xml, const char* name)
+{
+    if (!document.load_buffer(xml.data(), xml.size()))
+        return std::nullopt;
+    const pugi::xml_node result = descendant(document, name);
+    if (!result)
+        return std::nullopt;
+    return result;
+}
+
+} // namespace
+
+bool AuthorisationAnswer::has_error(long long code) const
+{
+    for (const ServiceMessage& error : errors)
+        if (error.code == code)
+            return true;
+    return false;
+}
+
+std::optional<AuthorisationAnswer> read_authorisation_answer(const std::string& xml)
+{
+    pugi::xml_document document;
+    const auto result = operation_result(document, xml, "FECAESolicitarResult");
+    if (!result)
+        return std::nullopt;
+    AuthorisationAnswer answer;
+    const pugi::xml_node header = child(*result, "FeCabResp");
+    const pugi::xml_node detail = child(child(*result, "FeDetResp"), "FECAEDetResponse");
+    answer.result = text(detail, "Resultado");
+    if (answer.result.empty())
+        answer.result = text(header, "Resultado");
+    answer.point_of_sale = text(header, "PtoVta");
+    answer.voucher_type = text(header, "CbteTipo");
+    answer.number = text(detail, "CbteDesde");
+    answer.date = text(detail, "CbteFch");
+    answer.cae = text(detail, "CAE");
+    answer.cae_expiry = text(detail, "CAEFchVto");
+    answer.observations = messages(child(detail, "Observaciones"));
+    answer.errors = messages(child(*result, "Errors"));
+    answer.events = messages(child(*result, "Events"));
+    return answer;
+}
+
+std::optional<LastAuthorised> read_last_authorised(const std::string& xml)
+{
+    pugi::xml_document document;
+    const auto result = operation_result(document, xml, "FECompUltimoAutorizadoResult");
+    if (!result)
+        return std::nullopt;
+    LastAuthorised last;
+    last.errors = messages(child(*result, "Errors"));
+    const pugi::xml_node number = child(*result, "CbteNro");
+    if (last.errors.empty() && number)
+        last.number = number.text().as_llong();
+    return last;
+}
+
+std::optional<ConsultedVoucher> read_consulted_voucher(const std::string& xml)
+{
+    pugi::xml_document document;
+    const auto result = operation_result(document, xml, "FECompConsultarResult");
+    if (!result)
+        return std::nullopt;
+    ConsultedVoucher voucher;
+    voucher.errors = messages(child(*result, "Errors"));
+    voucher.events = messages(child(*result, "Events"));
+    const pugi::xml_node found = child(*result, "ResultGet");
+    if (found) {
+        voucher.found = true;
+        for (const pugi::xml_node& field : found.children())
+            if (field.type() == pugi::node_element && !field.first_child().first_child())
+                voucher.fields.emplace_back(local_name(field), field.text().get());
+        voucher.observations = messages(child(found, "Observaciones"));
+        return voucher;
+    }
+    for (const ServiceMessage& error : voucher.errors)
+        if (error.code == 602)
+            return voucher;
+    return std::nullopt;
+}
+
+std::string ConsultedVoucher::field(const std::string& name) const
+{
+    for (const auto& [key, value] : fields)
+        if (key == name)
+            return value;
+    return {};
+}
