@@ -3,6 +3,9 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <vector>
@@ -26,7 +29,16 @@ static_assert(sign_flags == 4160, "signing flags are part of the wire format");
 // The certificate file's bytes; unread bytes stay zero, as the size query decided the length.
 std::vector<unsigned char> read_certificate(const std::string& path)
 {
-    const std::uintmax_t size = std::filesystem::file_size(path);
+    // Sized as the filesystem library's file_size query would, failing as it does.
+    struct stat info;
+    if (stat(path.c_str(), &info) != 0)
+        throw std::filesystem::filesystem_error("cannot get file size", path,
+                                                std::error_code(errno, std::generic_category()));
+    if (!S_ISREG(info.st_mode))
+        throw std::filesystem::filesystem_error("cannot get file size", path,
+                                                std::make_error_code(S_ISDIR(info.st_mode) ? std::errc::is_a_directory
+                                                                                            : std::errc::not_supported));
+    const std::uintmax_t size = static_cast<std::uintmax_t>(info.st_size);
     std::vector<unsigned char> buffer(static_cast<size_t>(size), 0);
     FILE* file = std::fopen(path.c_str(), "rb");
     if (file == nullptr)

@@ -4,18 +4,19 @@
 #   scripts/install-deps.sh [GROUP...]        install
 #   scripts/install-deps.sh --list [GROUP...] print the package names only
 # Groups: build (always), tools (simulator and command-line host), tests, memcheck, bench, fuzz,
-# i386 (the 32-bit build), package (Debian packages and their clean-system check), all.
+# i386 (the 32-bit build), i386-emulation (the same where this machine cannot run 32-bit code), package (Debian packages and their clean-system check), all.
 set -euo pipefail
 
 declare -A group=(
   [build]="build-essential cmake pkg-config libcurl4-openssl-dev libssl-dev libpugixml-dev nlohmann-json3-dev"
-  [tools]="libcpp-httplib-dev"
-  [tests]="libcpp-httplib-dev libgtest-dev openssl tinyproxy coreutils python3 python3-lxml fpc default-jdk-headless libjna-java"
+  [tools]="libcpp-httplib-dev libqrencode-dev libpng-dev"
+  [tests]="libcpp-httplib-dev libqrencode-dev libpng-dev python3-qrcode zbar-tools libgtest-dev openssl tinyproxy coreutils python3 python3-lxml fp-compiler fp-units-fcl default-jdk-headless libjna-java"
   [memcheck]="valgrind"
   [bench]="libcpp-httplib-dev libbenchmark-dev openssl curl"
   [fuzz]="clang libclang-rt-14-dev"
-  [i386]="debootstrap file"
-  [package]="dpkg-dev file lintian debootstrap"
+  [i386]="debootstrap file arch-test"
+  [i386-emulation]="qemu-user-static g++-i686-linux-gnu"
+  [package]="dpkg-dev file lintian debootstrap fp-compiler fp-units-fcl default-jdk-headless libjna-java"
 )
 
 list=false
@@ -26,11 +27,12 @@ fi
 wanted=(build)
 for name in "$@"; do
   if [ "$name" = all ]; then
-    wanted+=("${!group[@]}")
+    # Emulation only where the 32-bit scripts find it needed.
+    for each in "${!group[@]}"; do [ "$each" = i386-emulation ] || wanted+=("$each"); done
   elif [ -n "${group[$name]:-}" ]; then
     wanted+=("$name")
   else
-    echo "install-deps.sh: unknown group '$name' (build tools tests memcheck bench fuzz i386 package all)" >&2
+    echo "install-deps.sh: unknown group '$name' (build tools tests memcheck bench fuzz i386 i386-emulation package all)" >&2
     exit 2
   fi
 done

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <sys/time.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -53,8 +54,14 @@ unsigned short swap_int(unsigned short value)
 
 bool file_exists(const std::string& path)
 {
-    // The throwing form: failures other than "not found" reach the caller.
-    return std::filesystem::exists(std::filesystem::status(path));
+    // As the filesystem library's throwing status query: failures other than "not found" reach
+    // the caller, as its error.
+    struct stat info;
+    if (stat(path.c_str(), &info) == 0 || errno == EOVERFLOW)
+        return true;
+    if (errno == ENOENT || errno == ENOTDIR)
+        return false;
+    throw std::filesystem::filesystem_error("status", path, std::error_code(errno, std::generic_category()));
 }
 
 bool is_path_exist(const std::string& path)
@@ -105,6 +112,26 @@ std::string get_time_stamp(std::chrono::time_point<std::chrono::system_clock, st
     std::ostringstream out;
     out << text << '.' << std::setw(3) << std::setfill('0') << millis;
     return out.str();
+}
+
+namespace {
+std::chrono::nanoseconds read_clock(clockid_t clock)
+{
+    timespec now{};
+    clock_gettime(clock, &now);
+    return std::chrono::seconds(int64_t{now.tv_sec}) + std::chrono::nanoseconds(now.tv_nsec);
+}
+} // namespace
+
+std::chrono::system_clock::time_point wall_clock_now()
+{
+    return std::chrono::system_clock::time_point(
+        std::chrono::duration_cast<std::chrono::system_clock::duration>(read_clock(CLOCK_REALTIME)));
+}
+
+std::chrono::nanoseconds monotonic_clock_now()
+{
+    return read_clock(CLOCK_MONOTONIC);
 }
 
 bool is_fiscal_id_string_present(const char* identifier)

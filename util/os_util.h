@@ -25,6 +25,10 @@ bool is_path_exist(const std::string& path);
 std::vector<std::string> execute_cmd_line(std::string command);
 std::string str_to_hash(std::string text);
 std::string get_time_stamp(std::chrono::time_point<std::chrono::system_clock, std::chrono::nanoseconds> when);
+// The clocks read through the C library, which a 32-bit build compiles with a 64-bit time_t:
+// libstdc++'s own clocks and file queries use the 32-bit interfaces there and fail after 2038.
+std::chrono::system_clock::time_point wall_clock_now();
+std::chrono::nanoseconds monotonic_clock_now();
 bool is_fiscal_id_string_present(const char* identifier);
 
 #endif

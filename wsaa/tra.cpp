@@ -10,12 +10,14 @@
 #include <fstream>
 #include <iomanip>
 #include <nlohmann/json.hpp>
+#include <ctime>
 #include <sstream>
-#include <thread>
 
 #include "crypto/cms.h"
 #include "driver/afip_driver_exception.h"
 #include "http/easy_http.h"
+#include "util/atomic_file.h"
+#include "util/os_util.h"
 #include "util/tools.h"
 
 namespace {
@@ -71,24 +73,6 @@ bool read_cache_file(std::string& text)
     return !file.bad();
 }
 
-// Writes the whole file: created owner-only because it holds live credentials.
-void write_file_private(const std::string& text)
-{
-    const int fd = ::open(cache_file_name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    if (fd < 0)
-        return;
-    const char* data = text.data();
-    size_t left = text.size();
-    while (left > 0) {
-        const ssize_t written = ::write(fd, data, left);
-        if (written <= 0)
-            break;
-        data += written;
-        left -= static_cast<size_t>(written);
-    }
-    ::close(fd);
-}
-
 // An advisory lock on the working directory itself, so that no lock file appears beside the
 // cache. Processes sharing the directory serialise on it; a process that dies lets go of it.
 // Taken within the wait limit or not at all: a host is never held longer, and where the file
@@ -98,15 +82,16 @@ public:
     DirectoryLock(int operation, std::chrono::milliseconds wait_limit)
         : m_fd(::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC))
     {
-        const auto deadline = std::chrono::steady_clock::now() + wait_limit;
+        const auto deadline = monotonic_clock_now() + wait_limit;
         std::chrono::milliseconds pause{1};
         while (m_fd >= 0 && ::flock(m_fd, operation | LOCK_NB) != 0) {
-            if ((errno != EWOULDBLOCK && errno != EINTR) || std::chrono::steady_clock::now() >= deadline) {
+            if ((errno != EWOULDBLOCK && errno != EINTR) || monotonic_clock_now() >= deadline) {
                 ::close(m_fd);
                 m_fd = -1;
                 break;
             }
-            std::this_thread::sleep_for(pause);
+            const timespec pause_time{0, static_cast<long>(std::chrono::nanoseconds(pause).count())};
+            ::nanosleep(&pause_time, nullptr);
             pause = std::min(pause * 2, std::chrono::milliseconds(50));
         }
     }
@@ -231,7 +216,7 @@ void TRA::set_node_value(pugi::xml_node parent, std::string name, std::string va
 
 std::string TRA::create_tra_xml() const
 {
-    return create_tra_xml(std::chrono::system_clock::now());
+    return create_tra_xml(wall_clock_now());
 }
 
 std::string TRA::create_tra_xml(std::chrono::system_clock::time_point now) const
@@ -306,7 +291,9 @@ void TRA::write_cache()
     // Not an object (an array, say): the library's type error leaves here and the file stays.
     cache.update(entry);
 
-    write_file_private(cache.dump(4) + "\n");
+    // Written beside and renamed over the old file: a failure leaves the old one whole, and the
+    // call goes on with its ticket all the same.
+    replace_file_atomically(cache_file_name, cache.dump(4) + "\n");
 }
 
 void TRA::get_tra_error(std::string answer)

@@ -66,10 +66,10 @@ class Simulator(contextlib.AbstractContextManager):
             probe.bind(("127.0.0.1", 0))
             self.port = probe.getsockname()[1]
         self.scheme = "https" if tls else "http"
-        arguments = [SIMULATOR, "--port", str(self.port), "--max-seconds", "120"] + (["--tls"] if tls else [])
+        arguments = [SIMULATOR, "--port", str(self.port), "--max-seconds", "300"] + (["--tls"] if tls else [])
         self.process = subprocess.Popen(arguments + list(options), stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                         text=True)
-        deadline = time.monotonic() + 30
+        deadline = time.monotonic() + 120  # start-up key generation is slow under emulation
         while time.monotonic() < deadline and self.process.poll() is None:
             with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", self.port), timeout=1):
                 return

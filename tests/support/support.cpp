@@ -153,7 +153,8 @@ ServerProcess::ServerProcess(std::vector<std::string> arguments)
     posix_spawn_file_actions_addopen(&actions, 2, "err", O_WRONLY | O_CREAT, 0600);
     const int failed = posix_spawnp(&m_pid, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    for (auto deadline = std::chrono::steady_clock::now() + 20s; !failed && running() && loopback_socket(m_port, true) < 0;) {
+    // Generous: under emulation a server's start-up key generation alone can take many seconds.
+    for (auto deadline = std::chrono::steady_clock::now() + 120s; !failed && running() && loopback_socket(m_port, true) < 0;) {
         if (std::chrono::steady_clock::now() > deadline)
             stop();
         std::this_thread::sleep_for(10ms);
@@ -202,7 +203,7 @@ Simulator::Simulator(std::vector<std::string> options)
     : ServerProcess([&] {
           for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})
               unsetenv(name);
-          std::vector<std::string> arguments{TARVO_SIMULATOR_PATH, "--port", "{port}", "--max-seconds", "120"};
+          std::vector<std::string> arguments{TARVO_SIMULATOR_PATH, "--port", "{port}", "--max-seconds", "300"};
           arguments.insert(arguments.end(), options.begin(), options.end());
           return arguments;
       }()),

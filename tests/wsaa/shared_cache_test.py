@@ -4,7 +4,6 @@ import fcntl
 import os
 import subprocess
 import tempfile
-import threading
 import time
 import unittest
 
@@ -37,27 +36,6 @@ class SharedCache(unittest.TestCase):
                 self.assertEqual(crowd(simulator, work), [0] * 12)
                 self.assertEqual(len(simulator.requests("/ws/services/LoginCms")), 1)
                 self.assertEqual(os.listdir(work), ["credentials.json"])
-
-    def test_a_reader_waits_for_a_slow_writer(self):
-        with Simulator() as simulator, tempfile.TemporaryDirectory() as first, tempfile.TemporaryDirectory() as work:
-            self.assertEqual(run(cli_command(simulator), cwd=first).returncode, 0)
-            with open(os.path.join(first, "credentials.json")) as file:
-                ticket = file.read()
-            # A writer that has truncated the file and not finished it yet.
-            lock = DirectoryLock(work)
-            cache = os.path.join(work, "credentials.json")
-            with open(cache, "w") as file:
-                file.write(ticket[: len(ticket) // 2])
-            def finish():
-                with open(cache, "w") as file:
-                    file.write(ticket)
-                lock.release()
-            finishing = threading.Timer(1.0, finish)
-            finishing.start()
-            result = run(cli_command(simulator), cwd=work)
-            finishing.join()
-            self.assertEqual(result.returncode, 0, result.stderr)
-            self.assertEqual(len(simulator.requests("/ws/services/LoginCms")), 1, "the reader used the writer's ticket")
 
     def test_a_holder_that_never_finishes_blocks_only_up_to_the_time_out(self):
         with Simulator() as simulator, tempfile.TemporaryDirectory() as work:

@@ -1,15 +1,22 @@
 // The access ticket offline: the login ticket request, the loginCms envelope, fault texts, and
 // credentials.json, with a TRA whose renewal always ends in result 1 (its certificate is missing).
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <limits>
+#include <random>
+#include <thread>
 
 #include "driver/afip_driver_exception.h"
 #include "http/easy_http.h"
 #include "support/support.h"
+#include "util/atomic_file.h"
 #include "wsaa/tra.h"
 
 namespace {
@@ -45,6 +52,23 @@ std::string cache_entry(const std::string& service, const std::string& generated
 {
     return "{\"" + service + "\": {\"expired\": \"" + generated + "\", \"sign\": \"S\", \"token\": \"T\"}}";
 }
+
+// Files in the working directory.
+long entries()
+{
+    return std::distance(std::filesystem::directory_iterator("."), std::filesystem::directory_iterator());
+}
+
+// A disk whose write or fsync call number `failing` fails with `error`; writes take 7 bytes at most.
+struct FailingDisk {
+    FailingDisk(int failing_call, int error_code) { calls = 0, failing = failing_call, error = error_code; }
+    ~FailingDisk() { file_write_calls = {::write, ::fsync}; }
+    static bool step() { return errno = error, calls++ != failing; }
+    static inline int calls, failing, error;
+    const FileWriteCalls installed = file_write_calls = {
+        [](int fd, const void* data, size_t size) { return step() ? ::write(fd, data, std::min<size_t>(size, 7)) : -1; },
+        [](int fd) { return step() ? ::fsync(fd) : -1; }};
+};
 
 class CredentialsCache : public ::testing::Test {
 protected:
@@ -222,6 +246,10 @@ TEST_F(CredentialsCache, WriteReplacesOneEntryKeepsTheRestAndTheMode)
     EXPECT_EQ(read_file("credentials.json"), expected.dump(4) + "\n") << "non-ASCII unescaped, keys sorted";
     ASSERT_EQ(stat("credentials.json", &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0640u) << "an existing file keeps its mode";
+    // A link named as the cache is written through, not replaced.
+    ASSERT_EQ(std::rename("credentials.json", "target.json") + symlink("target.json", "credentials.json"), 0);
+    offline_tra().get_token_and_sign(wsaa_ticket("T3", "S3", "G3"));
+    EXPECT_EQ(nlohmann::json::parse(read_file("target.json"))["wsfe"]["token"], "T3");
 
     write_file("credentials.json", "[1, 2, 3]");
     EXPECT_THROW(offline_tra().get_token_and_sign(wsaa_ticket("T", "S", "G")), nlohmann::json::type_error);
@@ -244,4 +272,56 @@ TEST_F(CredentialsCache, IncompleteTicketsWriteNothing)
         offline_tra().get_token_and_sign(answer);
         EXPECT_FALSE(std::ifstream("credentials.json").good()) << answer;
     }
+}
+
+// The call keeps its new ticket whatever the disk does; the file stays the old one, alone.
+TEST_F(CredentialsCache, AFailingDiskLeavesTheOldFileWholeAndNothingBeside)
+{
+    const std::string before = cache_entry("wsfex", "G0"), ticket = wsaa_ticket("T-new", "S-new", "G1");
+    const int all_calls = (FailingDisk(-1, 0), offline_tra().get_token_and_sign(ticket), FailingDisk::calls);
+    ASSERT_GT(all_calls, 10);
+    for (const int error : {ENOSPC, EIO})
+        for (int failing = 0; failing < all_calls; ++failing) {
+            write_file("credentials.json", before);
+            const FailingDisk disk(failing, error);
+            TRA tra = offline_tra();
+            tra.get_token_and_sign(ticket);
+            EXPECT_EQ(tra.get_credentials(), std::make_pair(std::string("T-new"), std::string("S-new")));
+            EXPECT_EQ(read_file("credentials.json"), before) << error << " at call " << failing;
+            EXPECT_EQ(entries(), 1) << failing;
+        }
+}
+
+// Writers killed at random moments, many inside a write: every file left parses and holds every
+// ticket; the next writer removes the temporary files of the dead.
+TEST_F(CredentialsCache, WritersKilledAtRandomMomentsLeaveAWholeFile)
+{
+    nlohmann::json others;
+    for (int i = 0; i < 400; ++i)
+        others["s" + std::to_string(i)] = {{"expired", "G"}, {"sign", std::string(80, 's')}, {"token", std::to_string(i)}};
+    write_file("credentials.json", others.dump(4) + "\n");
+    // Kills spread over about three writes, however fast this machine (or valgrind) writes; at most
+    // 20 s once 30 rounds are done.
+    const auto started = std::chrono::steady_clock::now();
+    offline_tra().get_token_and_sign(wsaa_ticket("T", "S", "G"));
+    const auto one_write = std::chrono::steady_clock::now() - started;
+    std::mt19937 random(std::random_device{}());
+    int left_behind = 0;
+    for (int round = 0; round < 300 && (round < 30 || std::chrono::steady_clock::now() - started < std::chrono::seconds(20)); ++round) {
+        const pid_t writer = fork();
+        for (int n = 0; writer == 0; ++n)
+            offline_tra().get_token_and_sign(wsaa_ticket("T" + std::to_string(n), "S" + std::to_string(n), "G"));
+        std::this_thread::sleep_for(one_write * static_cast<int>(random() % 3000) / 1000);
+        kill(writer, SIGKILL);
+        waitpid(writer, nullptr, 0);
+        nlohmann::json cache = nlohmann::json::parse(read_file("credentials.json"));
+        const nlohmann::json ticket = cache.value("wsfe", nlohmann::json{{"token", "T"}, {"sign", "S"}});
+        EXPECT_EQ(ticket["token"].get<std::string>().substr(1), ticket["sign"].get<std::string>().substr(1));
+        cache.erase("wsfe");
+        ASSERT_EQ(cache, others) << "round " << round;
+        left_behind += entries() > 1;
+    }
+    EXPECT_GT(left_behind, 0) << "no kill landed inside a write";
+    offline_tra().get_token_and_sign(wsaa_ticket("T", "S", "G"));
+    EXPECT_EQ(entries(), 1);
 }
