@@ -1,6 +1,7 @@
 // The access ticket offline: the login ticket request, the loginCms envelope, fault texts, and
 // credentials.json, with a TRA whose renewal always ends in result 1 (its certificate is missing).
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -60,11 +61,21 @@ long entries()
 }
 
 // A disk whose write or fsync call number `failing` fails with `error`; writes take 7 bytes at most.
+// Given a pipe's end in `stop_and_tell`, that call instead says so there and waits to be killed.
 struct FailingDisk {
-    FailingDisk(int failing_call, int error_code) { calls = 0, failing = failing_call, error = error_code; }
+    FailingDisk(int failing_call, int error_code, int stop_and_tell = -1)
+    {
+        calls = 0, failing = failing_call, error = error_code, tell = stop_and_tell;
+    }
     ~FailingDisk() { file_write_calls = {::write, ::fsync}; }
-    static bool step() { return errno = error, calls++ != failing; }
-    static inline int calls, failing, error;
+    static bool step()
+    {
+        if (calls == failing && tell >= 0)
+            for ((void)!::write(tell, "!", 1);;)
+                ::pause();
+        return errno = error, calls++ != failing;
+    }
+    static inline int calls, failing, error, tell;
     const FileWriteCalls installed = file_write_calls = {
         [](int fd, const void* data, size_t size) { return step() ? ::write(fd, data, std::min<size_t>(size, 7)) : -1; },
         [](int fd) { return step() ? ::fsync(fd) : -1; }};
@@ -292,26 +303,40 @@ TEST_F(CredentialsCache, AFailingDiskLeavesTheOldFileWholeAndNothingBeside)
         }
 }
 
-// Writers killed at random moments, many inside a write: every file left parses and holds every
-// ticket; the next writer removes the temporary files of the dead.
+// Writers killed hundreds of times: every other round at a random call to the disk, which is
+// inside a write whatever this machine's speed (or valgrind's), the others after a random delay,
+// wherever they are. Every file left parses and holds every ticket; the next writer removes the
+// temporary files of the dead.
 TEST_F(CredentialsCache, WritersKilledAtRandomMomentsLeaveAWholeFile)
 {
     nlohmann::json others;
     for (int i = 0; i < 400; ++i)
         others["s" + std::to_string(i)] = {{"expired", "G"}, {"sign", std::string(80, 's')}, {"token", std::to_string(i)}};
     write_file("credentials.json", others.dump(4) + "\n");
-    // Kills spread over about three writes, however fast this machine (or valgrind) writes; at most
-    // 20 s once 30 rounds are done.
     const auto started = std::chrono::steady_clock::now();
-    offline_tra().get_token_and_sign(wsaa_ticket("T", "S", "G"));
+    const int calls_per_write = (FailingDisk(-1, 0), offline_tra().get_token_and_sign(wsaa_ticket("T", "S", "G")),
+                                 FailingDisk::calls);
     const auto one_write = std::chrono::steady_clock::now() - started;
+    int stopped[2];
+    ASSERT_EQ(pipe(stopped), 0);
     std::mt19937 random(std::random_device{}());
     int left_behind = 0;
     for (int round = 0; round < 300 && (round < 30 || std::chrono::steady_clock::now() - started < std::chrono::seconds(20)); ++round) {
+        const bool at_a_call = round % 2 == 0;
+        const int stopping_call = at_a_call ? static_cast<int>(random() % calls_per_write) : -1;
         const pid_t writer = fork();
-        for (int n = 0; writer == 0; ++n)
-            offline_tra().get_token_and_sign(wsaa_ticket("T" + std::to_string(n), "S" + std::to_string(n), "G"));
-        std::this_thread::sleep_for(one_write * static_cast<int>(random() % 3000) / 1000);
+        if (writer == 0) {
+            alarm(60); // never outlives a parent that failed
+            const FailingDisk disk(stopping_call, 0, stopped[1]);
+            for (int n = 0;; ++n)
+                offline_tra().get_token_and_sign(wsaa_ticket("T" + std::to_string(n), "S" + std::to_string(n), "G"));
+        }
+        pollfd told{stopped[0], POLLIN, 0};
+        char byte = 0;
+        if (at_a_call)
+            ASSERT_TRUE(poll(&told, 1, 90000) == 1 && read(stopped[0], &byte, 1) == 1) << "round " << round;
+        else
+            std::this_thread::sleep_for(one_write * static_cast<int>(random() % 3000) / 1000);
         kill(writer, SIGKILL);
         waitpid(writer, nullptr, 0);
         nlohmann::json cache = nlohmann::json::parse(read_file("credentials.json"));
@@ -321,6 +346,8 @@ TEST_F(CredentialsCache, WritersKilledAtRandomMomentsLeaveAWholeFile)
         ASSERT_EQ(cache, others) << "round " << round;
         left_behind += entries() > 1;
     }
+    close(stopped[0]);
+    close(stopped[1]);
     EXPECT_GT(left_behind, 0) << "no kill landed inside a write";
     offline_tra().get_token_and_sign(wsaa_ticket("T", "S", "G"));
     EXPECT_EQ(entries(), 1);
