@@ -24,13 +24,20 @@ class Security(unittest.TestCase):
                 with Simulator("--tls-cert-out", pem, "--refuse-relogin-seconds", "0", *server) as simulator:
                     binding = lambda settings: [sys.executable, "-c", BINDING % settings, simulator.wsaa(),
                                                 fixture("signer.p12"), simulator.wsfe(), os.path.join(SAMPLES, "fe_dummy.xml")]
+                    invoice = lambda host, *extra: host + [
+                        "--wsaa-url", simulator.wsaa(), "--certificate", fixture("signer.p12"), "--password", "pw",
+                        "--service", "wsfe", "--url", simulator.wsfe(), "--cuit", "20111111112",
+                        "--invoice", os.path.join(SAMPLES, "factura_b.json"), *extra]
                     for command, environment, code in (
                             (cli_command(simulator), {"TARVO_TLS_VERIFY": "0", "TARVO_CA_FILE": fixture("ca.pem")}, 0),
                             (cli_command(simulator, "--tls-verify"), {}, 17),
                             (cli_command(simulator, "--ca-file", fixture("ca.pem")), {}, 17),
                             (cli_command(simulator, "--ca-file", pem), {}, named),
                             (cli_command(simulator), {"TARVO_TLS_VERIFY": "1", "TARVO_CA_FILE": pem}, named),
-                            (binding("tls_verify=True"), {}, 17), (binding("ca_file=%r" % pem), {}, named)):
+                            (binding("tls_verify=True"), {}, 17), (binding("ca_file=%r" % pem), {}, named),
+                            (invoice([CLI, "invoice"], "--tls-verify"), {}, 17),
+                            (invoice([CLI, "invoice"], "--ca-file", pem), {}, named),
+                            (invoice([sys.executable, "-m", "tarvoafip.invoicing"], "--ca-file", pem), {}, named)):
                         with tempfile.TemporaryDirectory() as work:
                             result = run(command, cwd=work, env=dict(
                                 environment, PYTHONPATH=os.path.join(SOURCE, "bindings", "python"),

@@ -4,7 +4,11 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
 #include <limits>
+#include <sstream>
 
 #include "wsfev1_operations.h"
 
@@ -204,4 +208,19 @@ const char* usage_text()
            "Run with TZ=America/Argentina/Buenos_Aires: WSAA reads ticket times as Argentina's time.\n"
            "The library writes the ticket only into elements named exactly ar:Token/token and\n"
            "ar:Sign/sign; a warning says when the request has none.\n";
+}
+
+bool read_file_or_input(const std::string& file, std::string& text)
+{
+    if (file == "-") {
+        text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+        return !std::cin.bad();
+    }
+    std::ifstream input(file, std::ios::binary);
+    if (!input)
+        return false;
+    std::ostringstream content;
+    content << input.rdbuf();
+    text = content.str();
+    return !input.bad();
 }

@@ -47,4 +47,7 @@ CliOptions parse_command_line(int argc, const char* const* argv);
 
 const char* usage_text();
 
+// The whole of a file named on the command line, or of standard input for "-"; false when unreadable.
+bool read_file_or_input(const std::string& file, std::string& text);
+
 #endif

@@ -45,21 +45,6 @@ private:
     const std::vector<std::string>& m_headers;
 };
 
-bool read_text(const std::string& file, std::string& text)
-{
-    if (file == "-") {
-        text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-        return !std::cin.bad();
-    }
-    std::ifstream input(file, std::ios::binary);
-    if (!input)
-        return false;
-    std::ostringstream content;
-    content << input.rdbuf();
-    text = content.str();
-    return !input.bad();
-}
-
 nlohmann::ordered_json message_list(const ServiceMessages& messages)
 {
     nlohmann::ordered_json list = nlohmann::ordered_json::array();
@@ -78,7 +63,7 @@ void complain(const std::string& message)
 int run_invoice(const LoadedDriver& driver, const CliOptions& options)
 {
     std::string text;
-    if (!read_text(options.invoice_file, text)) {
+    if (!read_file_or_input(options.invoice_file, text)) {
         complain("cannot read the invoice from " + options.invoice_file);
         return 66;
     }

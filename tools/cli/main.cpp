@@ -52,22 +52,6 @@ std::string default_library_path()
     return TARVO_LIBRARY_SONAME;
 }
 
-// The request from the file, or from standard input when none is named or it is "-".
-bool read_request(const std::string& file, std::string& request)
-{
-    if (file.empty() || file == "-") {
-        request.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-        return !std::cin.bad();
-    }
-    std::ifstream input(file, std::ios::binary);
-    if (!input)
-        return false;
-    std::ostringstream content;
-    content << input.rdbuf();
-    request = content.str();
-    return !input.bad();
-}
-
 // --password, else the first line of --password-file, else TARVO_PASSWORD; nullopt when none is given.
 std::optional<std::string> password(const CliOptions& options)
 {
@@ -117,6 +101,7 @@ void apply_settings(const LoadedDriver& driver, const CliOptions& options, const
     if (options.proxy_url || options.proxy_user || options.proxy_password)
         driver.SetWebProxy(options.proxy_url.value_or("").c_str(), options.proxy_user.value_or("").c_str(),
                            options.proxy_password.value_or("").c_str());
+    request_tls_verification(options);
     if (options.tls_level)
         driver.SetSecurity(*options.tls_level);
     if (options.timeout_ms)
@@ -167,34 +152,19 @@ int run(const CliOptions& options)
         return 0;
     }
 
-    if (options.invoice) {
-        std::optional<std::string> certificate_password;
-        try {
-            certificate_password = password(options);
-        } catch (const std::runtime_error& error) {
-            complain(error.what());
+    std::string request;
+    if (!options.invoice) {
+        // Never wait silently for a request typed on a terminal.
+        if (options.request_file.empty() && isatty(STDIN_FILENO)) {
+            complain("no request: give --request FILE, or pipe one in (--request - reads this terminal)");
+            return exit_usage;
+        }
+        if (options.request_file == "-" && isatty(STDIN_FILENO))
+            complain("reading the request from this terminal; end it with Ctrl-D");
+        if (!read_file_or_input(options.request_file.empty() ? "-" : options.request_file, request)) {
+            complain("cannot read the request from " + options.request_file);
             return exit_no_input;
         }
-        if (const std::string warning = time_zone_warning(utc_offset_seconds(std::time(nullptr))); !warning.empty())
-            complain(warning);
-        apply_settings(driver, options, certificate_password);
-        const int status = run_invoice(driver, options);
-        // The voucher's outcome is printed already: a log that cannot be written does not hide it.
-        report_log(driver, options);
-        return status;
-    }
-
-    // Never wait silently for a request typed on a terminal.
-    if (options.request_file.empty() && isatty(STDIN_FILENO)) {
-        complain("no request: give --request FILE, or pipe one in (--request - reads this terminal)");
-        return exit_usage;
-    }
-    if (options.request_file == "-" && isatty(STDIN_FILENO))
-        complain("reading the request from this terminal; end it with Ctrl-D");
-    std::string request;
-    if (!read_request(options.request_file, request)) {
-        complain("cannot read the request from " + options.request_file);
-        return exit_no_input;
     }
     std::optional<std::string> certificate_password;
     try {
@@ -204,13 +174,19 @@ int run(const CliOptions& options)
         return exit_no_input;
     }
 
-    for (const std::string& warning : {time_zone_warning(utc_offset_seconds(std::time(nullptr))),
-                                       ticket_element_warning(request), ticket_cache_warning(working_directory(), "credentials.json")})
+    for (const std::string& warning :
+         {time_zone_warning(utc_offset_seconds(std::time(nullptr))), options.invoice ? "" : ticket_element_warning(request),
+          ticket_cache_warning(working_directory(), "credentials.json")})
         if (!warning.empty())
             complain(warning);
-
     apply_settings(driver, options, certificate_password);
-    request_tls_verification(options);
+
+    if (options.invoice) {
+        const int status = run_invoice(driver, options);
+        // The voucher's outcome is printed already: a log that cannot be written does not hide it.
+        report_log(driver, options);
+        return status;
+    }
     const int32_t result = driver.SendSOAP(request.c_str());
 
     // The answer is bytes, not text: written whole, whatever it holds.

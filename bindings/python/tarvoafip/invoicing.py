@@ -2,7 +2,7 @@
 and make AFIP's QR code (RG 4892/2020).
 
     import tarvoafip, tarvoafip.invoicing as invoicing
-    driver = tarvoafip.Driver()          # configured as usual: WSAA, certificate, service "wsfe", URL
+    driver = tarvoafip.Driver(tls_verify=True if options.tls_verify else None, ca_file=options.ca_file)          # configured as usual: WSAA, certificate, service "wsfe", URL
     outcome = invoicing.authorise(driver, {"PtoVta": 1, "CbteTipo": 6, ...}, cuit=20111111112)
     if outcome["Resultado"] == "A":
         print(outcome["CbteNro"], outcome["CAE"], outcome["qr_url"])
@@ -385,6 +385,8 @@ def main(arguments=None):
     for option in ("--wsaa-url", "--certificate", "--password", "--service", "--url", "--invoice", "--qr-png"):
         parser.add_argument(option, default="")
     parser.add_argument("--cuit", type=int, required=True)
+    parser.add_argument("--tls-verify", action="store_true")
+    parser.add_argument("--ca-file")
     options = parser.parse_args(arguments)
     try:
         with (sys.stdin if options.invoice in ("", "-") else open(options.invoice)) as file:
@@ -397,7 +399,7 @@ def main(arguments=None):
         return 65
     if options.qr_png and os.path.exists(options.qr_png):
         os.remove(options.qr_png)  # an older image is never to be taken for this voucher's
-    driver = tarvoafip.Driver()
+    driver = tarvoafip.Driver(tls_verify=True if options.tls_verify else None, ca_file=options.ca_file)
     driver.set_wsaa(options.wsaa_url)
     driver.set_credentials(options.certificate, options.password)
     driver.set_service(options.service)
