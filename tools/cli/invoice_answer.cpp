@@ -2,34 +2,19 @@
 
 #include <pugixml.hpp>
 
-#include <cstring>
+#include "xml_names.h"
 
 namespace {
 
-const char* local_name(const pugi::xml_node& node)
-{
-    const char* name = node.name();
-    const char* colon = std::strchr(name, ':');
-    return colon != nullptr ? colon + 1 : name;
-}
-
-pugi::xml_node child(const pugi::xml_node& parent, const char* name)
-{
-    for (const pugi::xml_node& node : parent.children())
-        if (!std::strcmp(local_name(node), name))
-            return node;
-    return {};
-}
-
 std::string text(const pugi::xml_node& parent, const char* name)
 {
-    return child(parent, name).text().get();
+    return child_by_local_name(parent, name).text().get();
 }
 
 // The first element of that local name anywhere below `root`, depth first.
 pugi::xml_node descendant(const pugi::xml_node& root, const char* name)
 {
-    return root.find_node([name](const pugi::xml_node& node) { return !std::strcmp(local_name(node), name); });
+    return root.find_node([name](const pugi::xml_node& node) { return local_name(node) == name; });
 }
 
 ServiceMessages messages(const pugi::xml_node& list)
@@ -38,7 +23,7 @@ ServiceMessages messages(const pugi::xml_node& list)
     for (const pugi::xml_node& item : list.children()) {
         if (item.type() != pugi::node_element)
             continue;
-        result.push_back({child(item, "Code").text().as_llong(), text(item, "Msg")});
+        result.push_back({child_by_local_name(item, "Code").text().as_llong(), text(item, "Msg")});
     }
     return result;
 }
@@ -70,8 +55,8 @@ std::optional<AuthorisationAnswer> read_authorisation_answer(const std::string& 
     if (!result)
         return std::nullopt;
     AuthorisationAnswer answer;
-    const pugi::xml_node header = child(*result, "FeCabResp");
-    const pugi::xml_node detail = child(child(*result, "FeDetResp"), "FECAEDetResponse");
+    const pugi::xml_node header = child_by_local_name(*result, "FeCabResp");
+    const pugi::xml_node detail = child_by_local_name(child_by_local_name(*result, "FeDetResp"), "FECAEDetResponse");
     answer.result = text(detail, "Resultado");
     if (answer.result.empty())
         answer.result = text(header, "Resultado");
@@ -81,9 +66,9 @@ std::optional<AuthorisationAnswer> read_authorisation_answer(const std::string& 
     answer.date = text(detail, "CbteFch");
     answer.cae = text(detail, "CAE");
     answer.cae_expiry = text(detail, "CAEFchVto");
-    answer.observations = messages(child(detail, "Observaciones"));
-    answer.errors = messages(child(*result, "Errors"));
-    answer.events = messages(child(*result, "Events"));
+    answer.observations = messages(child_by_local_name(detail, "Observaciones"));
+    answer.errors = messages(child_by_local_name(*result, "Errors"));
+    answer.events = messages(child_by_local_name(*result, "Events"));
     return answer;
 }
 
@@ -94,8 +79,8 @@ std::optional<LastAuthorised> read_last_authorised(const std::string& xml)
     if (!result)
         return std::nullopt;
     LastAuthorised last;
-    last.errors = messages(child(*result, "Errors"));
-    const pugi::xml_node number = child(*result, "CbteNro");
+    last.errors = messages(child_by_local_name(*result, "Errors"));
+    const pugi::xml_node number = child_by_local_name(*result, "CbteNro");
     if (last.errors.empty() && number)
         last.number = number.text().as_llong();
     return last;
@@ -108,15 +93,15 @@ std::optional<ConsultedVoucher> read_consulted_voucher(const std::string& xml)
     if (!result)
         return std::nullopt;
     ConsultedVoucher voucher;
-    voucher.errors = messages(child(*result, "Errors"));
-    voucher.events = messages(child(*result, "Events"));
-    const pugi::xml_node found = child(*result, "ResultGet");
+    voucher.errors = messages(child_by_local_name(*result, "Errors"));
+    voucher.events = messages(child_by_local_name(*result, "Events"));
+    const pugi::xml_node found = child_by_local_name(*result, "ResultGet");
     if (found) {
         voucher.found = true;
         for (const pugi::xml_node& field : found.children())
             if (field.type() == pugi::node_element && !field.first_child().first_child())
                 voucher.fields.emplace_back(local_name(field), field.text().get());
-        voucher.observations = messages(child(found, "Observaciones"));
+        voucher.observations = messages(child_by_local_name(found, "Observaciones"));
         return voucher;
     }
     for (const ServiceMessage& error : voucher.errors)

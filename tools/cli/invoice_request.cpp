@@ -1,25 +1,12 @@
 #include "invoice_request.h"
 
-namespace {
+#include "xml_names.h"
 
-std::string escaped(const std::string& text)
-{
-    std::string result;
-    for (const char c : text) {
-        switch (c) {
-        case '<': result += "&lt;"; break;
-        case '>': result += "&gt;"; break;
-        case '&': result += "&amp;"; break;
-        case '"': result += "&quot;"; break;
-        default: result += c;
-        }
-    }
-    return result;
-}
+namespace {
 
 std::string element(const char* name, const std::string& text)
 {
-    return std::string("<ar:") + name + ">" + escaped(text) + "</ar:" + name + ">";
+    return std::string("<ar:") + name + ">" + xml_escape(text) + "</ar:" + name + ">";
 }
 
 std::string element(const char* name, std::int64_t number)
