@@ -12,16 +12,17 @@ CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo 
 cmake --build build-fuzz -j2
 
 mkdir -p build-fuzz/crashes
+rm -f build-fuzz/fuzz_*.status
 # One target per core at a time; each writes its own log, read once all have finished.
 fuzz_target() {
-  local target=$1 corpus
+  local target=$1 corpus status=0
   corpus=$(mktemp -d /tmp/tarvo-corpus.XXXXXX)
   cp fuzz/corpus/"$target"/* "$corpus"/
   ASAN_OPTIONS="detect_leaks=1:${ASAN_OPTIONS:-}" UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1" \
     build-fuzz/fuzz/fuzz_"$target" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=2048 \
     -max_len=65536 -print_final_stats=1 -artifact_prefix="$(pwd)/build-fuzz/crashes/$target-" \
-    "$corpus" >build-fuzz/fuzz_"$target".log 2>&1
-  echo $? >build-fuzz/fuzz_"$target".status
+    "$corpus" >build-fuzz/fuzz_"$target".log 2>&1 || status=$?
+  echo "$status" >build-fuzz/fuzz_"$target".status
   rm -rf "$corpus"
 }
 targets=(login_answer credentials_cache request business_answer base64 invoice_file simulator_request)
