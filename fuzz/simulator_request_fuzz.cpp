@@ -6,7 +6,7 @@
 
 #include "invoicing_service.h"
 #include "ticket_registry.h"
-#include "wsfev1_operations.h"
+#include "util/wsfev1.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <limits>
 #include <sstream>
 
-#include "wsfev1_operations.h"
+#include "util/wsfev1.h"
 
 namespace {
 
@@ -154,7 +154,7 @@ CliOptions parse_command_line(int argc, const char* const* argv)
         options.service_url = options.service_url.value_or(environment->service_url);
     }
     if (!operation.empty())
-        options.headers.push_back("SOAPAction: \"http://ar.gov.afip.dif.FEV1/" + operation + "\"");
+        options.headers.push_back(wsfev1_soap_action(operation));
     return options;
 }
 

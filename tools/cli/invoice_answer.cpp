@@ -2,7 +2,7 @@
 
 #include <pugixml.hpp>
 
-#include "xml_names.h"
+#include "util/xml_names.h"
 
 namespace {
 

@@ -14,6 +14,8 @@
 #include "host_messages.h"
 #include "invoice_flow.h"
 #include "qr_code.h"
+#include "util/argentina_time.h"
+#include "util/wsfev1.h"
 
 namespace {
 
@@ -30,7 +32,7 @@ public:
     {
         for (const std::string& header : m_headers)
             m_driver.AddSOAPHeader(header.c_str());
-        m_driver.AddSOAPHeader(("SOAPAction: \"http://ar.gov.afip.dif.FEV1/" + operation + "\"").c_str());
+        m_driver.AddSOAPHeader(wsfev1_soap_action(operation).c_str());
         ServiceExchange exchange;
         exchange.result = m_driver.SendSOAP(request.c_str());
         if (exchange.result == 0 || exchange.result == 14)

@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <cstdlib>
-#include <ctime>
 #include <optional>
 
 #include "invoice_request.h"
@@ -190,14 +189,4 @@ InvoiceResult authorise_invoice(const Invoice& invoice, std::int64_t cuit, const
                                 InvoicingChannel& channel)
 {
     return Flow(invoice, cuit, today, channel).run();
-}
-
-std::string argentina_today()
-{
-    const std::time_t now = std::time(nullptr) - 3 * 3600;
-    std::tm day{};
-    gmtime_r(&now, &day);
-    char text[16];
-    std::strftime(text, sizeof text, "%Y%m%d", &day);
-    return text;
 }

@@ -52,7 +52,4 @@ constexpr int renumbering_attempts = 3;
 InvoiceResult authorise_invoice(const Invoice& invoice, std::int64_t cuit, const std::string& today,
                                 InvoicingChannel& channel);
 
-// Today's date in Argentina (UTC-3 all year), yyyymmdd.
-std::string argentina_today();
-
 #endif

@@ -1,6 +1,6 @@
 #include "invoice_request.h"
 
-#include "xml_names.h"
+#include "util/xml_names.h"
 
 namespace {
 

@@ -8,23 +8,9 @@
 #include <vector>
 
 #include "invoice_file.h"
+#include "util/b64.h"
 
 namespace {
-
-std::string base64(const std::string& data)
-{
-    static const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string encoded;
-    for (size_t at = 0; at < data.size(); at += 3) {
-        const size_t count = std::min<size_t>(3, data.size() - at);
-        unsigned long group = 0;
-        for (size_t i = 0; i < 3; ++i)
-            group = group << 8 | (i < count ? static_cast<unsigned char>(data[at + i]) : 0);
-        for (size_t i = 0; i < 4; ++i)
-            encoded += i <= count ? alphabet[group >> (18 - 6 * i) & 63] : '=';
-    }
-    return encoded;
-}
 
 // A JSON number: the digits when the text is one, else 0 (an unauthorised voucher has no CAE).
 std::string number_text(const std::string& digits)
@@ -56,7 +42,7 @@ std::string qr_payload(const QrVoucher& voucher)
 
 std::string qr_url(const QrVoucher& voucher)
 {
-    return "https://www.afip.gob.ar/fe/qr/?p=" + base64(qr_payload(voucher));
+    return "https://www.afip.gob.ar/fe/qr/?p=" + base64_encode(qr_payload(voucher));
 }
 
 bool write_qr_png(const std::string& text, const std::string& path, std::string& problem)

@@ -6,14 +6,13 @@
 #include <cstdlib>
 #include <limits>
 
-#include "argentina_time.h"
+#include "util/argentina_time.h"
 #include "parameters.h"
 #include "voucher_rules.h"
-#include "wsfev1_operations.h"
+#include "util/wsfev1.h"
 
 namespace {
 
-const char fev1_namespace[] = "http://ar.gov.afip.dif.FEV1/";
 const char envelope_start[] =
     "<?xml version=\"1.0\" encoding=\"utf-8\"?><soap:Envelope xmlns:soap=\"http://schemas.xmlsoap.org/soap/envelope/\" "
     "xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\">";
@@ -37,10 +36,10 @@ Reply operation_reply(const std::string& operation, const std::string& result, c
 {
     const WallClock::time_point now = WallClock::now();
     Reply reply;
-    reply.body = std::string(envelope_start) + "<soap:Header><FEHeaderInfo xmlns=\"" + fev1_namespace +
+    reply.body = std::string(envelope_start) + "<soap:Header><FEHeaderInfo xmlns=\"" + wsfev1_namespace +
                  "\"><ambiente>HomologacionExterno - afip_simulator</ambiente>" +
                  element("fecha", format_argentina_time(now)) + "<id>1.0.0</id></FEHeaderInfo></soap:Header>"
-                 "<soap:Body><" + operation + "Response xmlns=\"" + fev1_namespace + "\"><" + operation + "Result>" +
+                 "<soap:Body><" + operation + "Response xmlns=\"" + wsfev1_namespace + "\"><" + operation + "Result>" +
                  result + "</" + operation + "Result></" + operation + "Response></soap:Body></soap:Envelope>";
     reply.summary = operation + " " + summary;
     return reply;
@@ -150,7 +149,7 @@ Reply InvoicingService::handle(const std::string& request_body, const std::optio
         std::string action = *soap_action;
         if (action.size() >= 2 && action.front() == '"' && action.back() == '"')
             action = action.substr(1, action.size() - 2);
-        const std::string prefix = fev1_namespace;
+        const std::string prefix = wsfev1_namespace;
         if (action.rfind(prefix, 0) != 0 || !is_wsfev1_operation(action.substr(prefix.size())))
             return unrecognised(action, "SOAPAction " + action);
         name = action.substr(prefix.size());
@@ -164,7 +163,7 @@ Reply InvoicingService::handle(const std::string& request_body, const std::optio
         // Without the header the body names the operation, as if its action had been sent.
         name = local_name(operation);
         if (!is_wsfev1_operation(name))
-            return unrecognised(fev1_namespace + name, name);
+            return unrecognised(wsfev1_namespace + name, name);
     }
     return operate(name, operation);
 }

@@ -5,8 +5,9 @@
 #include <algorithm>
 #include <cctype>
 
-#include "argentina_time.h"
 #include "identity.h"
+#include "util/argentina_time.h"
+#include "util/b64.h"
 
 namespace {
 
@@ -75,7 +76,7 @@ std::string sso_token(const LoginRequest& request, const std::string& unique_id,
     for (const std::string& cuit : relations)
         document += "                <relation key=\"" + xml_escape(cuit) + "\" reltype=\"4\"/>\n";
     document += "            </relations>\n        </login>\n    </operation>\n</sso>\n";
-    return base64(document);
+    return base64_encode(document);
 }
 
 Reply ticket_reply(const Ticket& ticket, const std::string& destination, const std::string& unique_id)

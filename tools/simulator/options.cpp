@@ -5,7 +5,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "argentina_time.h"
+#include "util/argentina_time.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "xml_names.h"
+#include "util/xml_names.h"
 
 // What an endpoint answers, and the line the request log shows for it.
 struct Reply {

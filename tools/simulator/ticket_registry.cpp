@@ -1,10 +1,11 @@
 #include "ticket_registry.h"
 
-#include <openssl/evp.h>
 #include <openssl/rand.h>
 
 #include <algorithm>
 #include <stdexcept>
+
+#include "util/b64.h"
 
 namespace {
 
@@ -18,18 +19,9 @@ std::string random_bytes(size_t count)
 
 } // namespace
 
-std::string base64(const std::string& bytes)
-{
-    std::string text(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-    const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
-                                       reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
-    text.resize(static_cast<size_t>(length));
-    return text;
-}
-
 std::string random_base64(size_t byte_count)
 {
-    return base64(random_bytes(byte_count));
+    return base64_encode(random_bytes(byte_count));
 }
 
 std::string random_digits(size_t count)

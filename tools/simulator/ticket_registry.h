@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "argentina_time.h"
+#include "util/argentina_time.h"
 
 struct Ticket {
     std::string token;
@@ -42,9 +42,6 @@ private:
     std::map<std::pair<std::string, std::string>, Ticket> m_last_by_certificate_and_service;
     std::unordered_map<std::string, Ticket> m_tickets_by_token;
 };
-
-// Base64 of the bytes.
-std::string base64(const std::string& bytes);
 
 // Base64 of that many random bytes.
 std::string random_base64(size_t byte_count);

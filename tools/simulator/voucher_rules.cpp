@@ -5,7 +5,7 @@
 #include <cmath>
 #include <limits>
 
-#include "argentina_time.h"
+#include "util/argentina_time.h"
 #include "parameters.h"
 #include "soap.h"
 

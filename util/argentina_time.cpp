@@ -1,4 +1,4 @@
-#include "argentina_time.h"
+#include "util/argentina_time.h"
 
 #include <cctype>
 #include <cstdio>
@@ -177,4 +177,9 @@ std::string format_utc_clock(WallClock::time_point when)
     std::snprintf(text, sizeof text, "%d/%d/%04d %d:%02d:%02d %s", utc.tm_mon + 1, utc.tm_mday, utc.tm_year + 1900,
                   (utc.tm_hour + 11) % 12 + 1, utc.tm_min, utc.tm_sec, utc.tm_hour < 12 ? "AM" : "PM");
     return text;
+}
+
+std::string argentina_today()
+{
+    return format_argentina_date(WallClock::now());
 }

@@ -1,4 +1,4 @@
-#include "xml_names.h"
+#include "util/xml_names.h"
 
 std::string xml_escape(const std::string& text)
 {

@@ -1,5 +1,5 @@
-#ifndef TARVO_TOOLS_WSFEV1_OPERATIONS_H
-#define TARVO_TOOLS_WSFEV1_OPERATIONS_H
+#ifndef TARVO_UTIL_WSFEV1_H
+#define TARVO_UTIL_WSFEV1_H
 
 #include <algorithm>
 #include <iterator>
@@ -14,6 +14,14 @@ inline const char* const wsfev1_operations[] = {
     "FEParamGetTiposIva", "FEParamGetTiposOpcional", "FEParamGetTiposConcepto", "FEParamGetPtosVenta",
     "FEParamGetTiposCbte", "FEParamGetCondicionIvaReceptor", "FEParamGetTiposDoc", "FEParamGetTiposPaises",
     "FEParamGetActividades"};
+
+inline constexpr char wsfev1_namespace[] = "http://ar.gov.afip.dif.FEV1/";
+
+// The header line that names an operation, as AFIP's ASMX service wants it: quoted.
+inline std::string wsfev1_soap_action(const std::string& operation)
+{
+    return "SOAPAction: \"" + std::string(wsfev1_namespace) + operation + "\"";
+}
 
 inline bool is_wsfev1_operation(const std::string& name)
 {

@@ -1,7 +1,7 @@
-#ifndef TARVO_TOOLS_XML_NAMES_H
-#define TARVO_TOOLS_XML_NAMES_H
+#ifndef TARVO_UTIL_XML_NAMES_H
+#define TARVO_UTIL_XML_NAMES_H
 
-// What the simulator and the command-line host both need of XML: escaping, and finding elements by
+// What the simulator, the command-line host and the invoicing core need of XML: escaping, and finding elements by
 // local name whatever prefix the other side chose.
 
 #include <pugixml.hpp>

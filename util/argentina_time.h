@@ -1,5 +1,5 @@
-#ifndef TARVO_SIMULATOR_ARGENTINA_TIME_H
-#define TARVO_SIMULATOR_ARGENTINA_TIME_H
+#ifndef TARVO_UTIL_ARGENTINA_TIME_H
+#define TARVO_UTIL_ARGENTINA_TIME_H
 
 #include <chrono>
 #include <optional>
@@ -20,6 +20,9 @@ std::string format_argentina_time(WallClock::time_point when);
 // "20261121" in Argentina's calendar, the date format of the invoicing service; with_time adds
 // the wall-clock time, "20261121101530", as in FchProceso.
 std::string format_argentina_date(WallClock::time_point when, bool with_time = false);
+
+// Today's date in Argentina, yyyymmdd.
+std::string argentina_today();
 
 // Days since 1970-01-01 of a calendar date written yyyymmdd; nullopt when it is no such date.
 std::optional<long long> day_of_date(const std::string& yyyymmdd);
