@@ -5,12 +5,17 @@
 
 #include <string>
 
-// Fills every "ar:Token"/"token" element with the current token and every "ar:Sign"/"sign"
-// element with the current sign. Names match exactly: prefix as text, case-sensitive.
+// Fills every "ar:Token"/"token" element with the token and every "ar:Sign"/"sign" element with
+// the sign. Names match exactly: prefix as text, case-sensitive.
 class walker : public pugi::xml_tree_walker {
 public:
+    walker(const std::string& token, const std::string& sign) : m_token(token), m_sign(sign) {}
     ~walker() override = default;
     bool for_each(pugi::xml_node& node) override;
+
+private:
+    const std::string& m_token;
+    const std::string& m_sign;
 };
 
 // The request as sent: one line, no XML declaration.

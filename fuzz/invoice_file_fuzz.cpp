@@ -1,20 +1,21 @@
-// The invoice-file reader of tarvoafip_cli invoice: any bytes give a voucher or InvoiceFileError,
-// and every voucher it accepts becomes a well-formed request.
+// The invoicing core's voucher reader: any bytes give a voucher or VoucherError; every voucher it
+// accepts becomes a well-formed request, and its canonical form reads back to the same form.
 #include <pugixml.hpp>
 
-#include "cli/invoice_file.h"
-#include "cli/invoice_request.h"
 #include "fuzz_support.h"
+#include "invoicing/voucher.h"
+#include "invoicing/wsfev1_requests.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    Invoice invoice;
+    Voucher voucher;
     try {
-        invoice = read_invoice(as_string(data, size));
-    } catch (const InvoiceFileError&) {
+        voucher = read_voucher(as_string(data, size));
+    } catch (const VoucherError&) {
         return 0;
     }
-    const std::string request = authorisation_request(invoice, 20111111112, invoice.number.value_or(1), "20261123");
+    const std::string request =
+        authorisation_request(20111111112, {NumberedVoucher{&voucher, voucher.number.value_or(1), "20261123"}});
     pugi::xml_document document;
     if (!document.load_buffer(request.data(), request.size()))
         __builtin_trap();
@@ -23,7 +24,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                                                              "ar:FeCAEReq/ar:FeDetReq/ar:FECAEDetRequest/ar:ImpTotal")
                                   .text()
                                   .get();
-    if (total != format_cents(invoice.total) || total.size() < 4 || total[total.size() - 3] != '.')
+    if (total != voucher.total.text() || total.size() < 4 || total[total.size() - 3] != '.')
+        __builtin_trap();
+    const std::string canonical = canonical_voucher(voucher);
+    if (canonical_voucher(read_voucher(canonical)) != canonical)
         __builtin_trap();
     return 0;
 }

@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 
 namespace {
 
@@ -20,13 +19,24 @@ std::optional<Money> Money::from_number(double value)
 
 std::optional<Money> Money::parse(const std::string& text)
 {
-    if (text.empty())
+    // Decimal digits read exactly: "-12.345" is -12.35, half away from zero as from_number.
+    const bool negative = !text.empty() && text[0] == '-';
+    const size_t digits_from = negative ? 1 : 0;
+    const size_t point = text.find('.', digits_from);
+    const std::string whole = text.substr(digits_from, point == std::string::npos ? std::string::npos : point - digits_from);
+    const std::string fraction = point == std::string::npos ? "" : text.substr(point + 1);
+    const auto all_digits = [](const std::string& part) { return part.find_first_not_of("0123456789") == std::string::npos; };
+    if (whole.empty() || !all_digits(whole) || !all_digits(fraction) || (point != std::string::npos && fraction.empty()))
         return std::nullopt;
-    char* end = nullptr;
-    const double value = std::strtod(text.c_str(), &end);
-    if (*end != '\0')
+    const size_t significant = whole.find_first_not_of('0');
+    if (significant != std::string::npos && whole.size() - significant > 13) // from_number's bound, 10^13
         return std::nullopt;
-    return from_number(value);
+    std::int64_t cents = std::stoll(whole) * 100;
+    const std::string kept = (fraction + "00").substr(0, 2);
+    cents += std::stoll(kept);
+    if (fraction.size() > 2 && fraction[2] >= '5')
+        ++cents;
+    return Money(negative ? -cents : cents);
 }
 
 std::string Money::text() const

@@ -16,7 +16,8 @@ public:
     // margin for binary fractions such as 1.005; nullopt when not finite or not below 10^13,
     // where a double no longer holds every cent.
     static std::optional<Money> from_number(double value);
-    // The decimal text of an answer ("121", "121.5", "-0.50", "1.2E2"); nullopt when it is none.
+    // A decimal text ("121", "121.5", "-0.50"), read exactly and rounded like from_number; nullopt
+    // when it is no such text or not below 10^13.
     static std::optional<Money> parse(const std::string& text);
 
     constexpr std::int64_t cents() const { return m_cents; }

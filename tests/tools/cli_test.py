@@ -19,7 +19,7 @@ class Alone(unittest.TestCase):
                                    (["--tls-verify=1"], "takes no value"), (["--ca-file"], "needs a value"),
                                    (["--env", "staging"], "homologation or production"),
                                    (["--operation", "FEDummmy"], "WSFEv1 operation"),
-                                   (["invoice", "--cuit", "20111111112"], "invoice needs --cuit CUIT and --invoice"),
+                                   (["invoice", "--cuit", "20111111112"], "invoice needs --cuit CUIT and either --invoice"),
                                    (["invoice", "--cuit", "0", "--invoice", "-"], "1..99999999999"),
                                    (["invoice", "--request", "r"], "unknown option '--request' for invoice"),
                                    (["--qr-png", "q.png"], "unknown option '--qr-png'")):

@@ -10,6 +10,7 @@
 #include <limits>
 #include <sstream>
 
+#include "util/afip_environments.h"
 #include "util/wsfev1.h"
 
 namespace {
@@ -29,29 +30,131 @@ long long parse_integer(const std::string& option, const std::string& text, long
     return value;
 }
 
-// AFIP's addresses for each environment: WSAA, then WSFEv1.
-struct Environment {
+// Which commands take an option.
+constexpr unsigned for_request = 1u << static_cast<unsigned>(Command::request);
+constexpr unsigned for_invoice = 1u << static_cast<unsigned>(Command::invoice);
+constexpr unsigned for_list = 1u << static_cast<unsigned>(Command::ledger_list);
+constexpr unsigned for_show = 1u << static_cast<unsigned>(Command::ledger_show);
+constexpr unsigned for_afip = for_request | for_invoice;
+constexpr unsigned for_ledger = for_invoice | for_list | for_show;
+constexpr unsigned for_all = for_afip | for_list | for_show;
+
+// What parsing keeps beside the options themselves.
+struct ParseState {
+    const AfipEnvironment* environment = nullptr;
+    std::string operation;
+};
+
+// One option: its name, whether it takes a value, the commands it belongs to and what it sets.
+struct OptionRule {
     const char* name;
-    const char* wsaa_url;
-    const char* service_url;
+    bool takes_value;
+    unsigned commands;
+    void (*apply)(CliOptions&, ParseState&, const std::string& name, const std::string& value);
 };
-const Environment environments[] = {
-    {"homologation", "https://wsaahomo.afip.gov.ar/ws/services/LoginCms", "https://wswhomo.afip.gov.ar/wsfev1/service.asmx"},
-    {"production", "https://wsaa.afip.gov.ar/ws/services/LoginCms", "https://servicios1.afip.gov.ar/wsfev1/service.asmx"},
+
+bool is_date(const std::string& text)
+{
+    return text.size() == 8 && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+const OptionRule option_rules[] = {
+    {"--library", true, for_request, [](CliOptions& o, ParseState&, const std::string&, const std::string& v) { o.library_path = v; }},
+    {"--wsaa-url", true, for_afip, [](CliOptions& o, ParseState&, const std::string&, const std::string& v) { o.wsaa_url = v; }},
+    {"--certificate", true, for_afip, [](CliOptions& o, ParseState&, const std::string&, const std::string& v) { o.certificate_path = v; }},
+    {"--password", true, for_afip, [](CliOptions& o, ParseState&, const std::string&, const std::string& v) { o.certificate_password = v; }},
+    {"--password-file", true, for_afip, [](CliOptions& o, ParseState&, const std::string&, const std::string& v) { o.password_file = v; }},
+    {"--env", true, for_afip,
+     [](CliOptions&, ParseState& state, const std::string&, const std::string& v) {
+         state.environment = find_afip_environment(v.c_str());
+         if (state.environment == nullptr)
+             throw UsageError("--env takes homologation or production, not '" + v + "'");
+     }},
+    {"--operation", true, for_request,
+     [](CliOptions&, ParseState& state, const std::string&, const std::string& v) {
+         if (!is_wsfev1_operation(v))
+             throw UsageError("--operation takes a WSFEv1 operation such as FECAESolicitar or FEDummy, not '" + v + "'");
+         state.operation = v;
+     }},
+    {"--service", true, for_afip, [](CliOptions& o, ParseState&, const std::string&, const std::string& v) { o.service = v; }},
+    {"--url", true, for_afip, [](CliOptions& o, ParseState&, const std::string&, const std::string& v) { o.service_url = v; }},
+    {"--proxy", true, for_afip, [](CliOptions& o, ParseState&, const std::string&, const std::string& v) { o.proxy_url = v; }},
+    {"--proxy-user", true, for_afip, [](CliOptions& o, ParseState&, const std::string&, const std::string& v) { o.proxy_user = v; }},
+    {"--proxy-password", true, for_afip, [](CliOptions& o, ParseState&, const std::string&, const std::string& v) { o.proxy_password = v; }},
+    {"--tls-level", true, for_afip,
+     [](CliOptions& o, ParseState&, const std::string& n, const std::string& v) { o.tls_level = static_cast<int32_t>(parse_integer(n, v, 1, 4)); }},
+    {"--timeout-ms", true, for_afip,
+     [](CliOptions& o, ParseState&, const std::string& n, const std::string& v) {
+         o.timeout_ms = static_cast<uint32_t>(parse_integer(n, v, 0, std::numeric_limits<uint32_t>::max()));
+     }},
+    {"--tls-verify", false, for_afip, [](CliOptions& o, ParseState&, const std::string&, const std::string&) { o.tls_verify = true; }},
+    {"--ca-file", true, for_afip, [](CliOptions& o, ParseState&, const std::string&, const std::string& v) { o.ca_file = v; }},
+    {"--header", true, for_afip, [](CliOptions& o, ParseState&, const std::string&, const std::string& v) { o.headers.push_back(v); }},
+    {"--request", true, for_request, [](CliOptions& o, ParseState&, const std::string&, const std::string& v) { o.request_file = v; }},
+    {"--cuit", true, for_invoice,
+     [](CliOptions& o, ParseState&, const std::string& n, const std::string& v) { o.cuit = parse_integer(n, v, 1, 99999999999LL); }},
+    {"--invoice", true, for_invoice, [](CliOptions& o, ParseState&, const std::string&, const std::string& v) { o.invoice_file = v; }},
+    {"--batch", true, for_invoice, [](CliOptions& o, ParseState&, const std::string&, const std::string& v) { o.batch_file = v; }},
+    {"--qr-png", true, for_invoice, [](CliOptions& o, ParseState&, const std::string&, const std::string& v) { o.qr_png_file = v; }},
+    {"--sale-id", true, for_invoice, [](CliOptions& o, ParseState&, const std::string&, const std::string& v) { o.sale_id = v; }},
+    {"--ledger", true, for_ledger, [](CliOptions& o, ParseState&, const std::string&, const std::string& v) { o.ledger_path = v; }},
+    {"--from", true, for_list,
+     [](CliOptions& o, ParseState&, const std::string& n, const std::string& v) {
+         if (!is_date(v))
+             throw UsageError(n + " takes a date written YYYYMMDD, not '" + v + "'");
+         o.from_date = v;
+     }},
+    {"--to", true, for_list,
+     [](CliOptions& o, ParseState&, const std::string& n, const std::string& v) {
+         if (!is_date(v))
+             throw UsageError(n + " takes a date written YYYYMMDD, not '" + v + "'");
+         o.to_date = v;
+     }},
+    {"--point-of-sale", true, for_list,
+     [](CliOptions& o, ParseState&, const std::string& n, const std::string& v) { o.point_of_sale = static_cast<int>(parse_integer(n, v, 1, 99999)); }},
+    {"--format", true, for_list,
+     [](CliOptions& o, ParseState&, const std::string& n, const std::string& v) {
+         if (v != "json" && v != "csv")
+             throw UsageError(n + " takes json or csv, not '" + v + "'");
+         o.format = v;
+     }},
+    {"--log", false, for_afip, [](CliOptions& o, ParseState&, const std::string&, const std::string&) { o.print_log = true; }},
+    {"--log-file", true, for_afip, [](CliOptions& o, ParseState&, const std::string&, const std::string& v) { o.log_file = v; }},
+    {"--version", false, for_request, [](CliOptions& o, ParseState&, const std::string&, const std::string&) { o.show_version = true; }},
+    {"--help", false, for_all, [](CliOptions& o, ParseState&, const std::string&, const std::string&) { o.show_help = true; }},
+    {"-h", false, for_all, [](CliOptions& o, ParseState&, const std::string&, const std::string&) { o.show_help = true; }},
 };
+
+const char* command_name(Command command)
+{
+    switch (command) {
+    case Command::request: return "";
+    case Command::invoice: return "invoice";
+    case Command::ledger_list: return "ledger list";
+    case Command::ledger_show: return "ledger show";
+    }
+    return "";
+}
 
 } // namespace
 
 CliOptions parse_command_line(int argc, const char* const* argv)
 {
     CliOptions options;
-    const Environment* environment = nullptr;
-    std::string operation;
+    ParseState state;
     int first = 1;
-    if (argc > 1 && std::string(argv[1]) == "invoice") {
-        options.invoice = true;
+    const std::string word = argc > 1 ? argv[1] : "";
+    if (word == "invoice") {
+        options.command = Command::invoice;
         first = 2;
+    } else if (word == "ledger") {
+        const std::string what = argc > 2 ? argv[2] : "";
+        if (what != "list" && what != "show")
+            throw UsageError("ledger takes list or show, not '" + what + "'");
+        options.command = what == "list" ? Command::ledger_list : Command::ledger_show;
+        first = 3;
     }
+    const unsigned mask = 1u << static_cast<unsigned>(options.command);
     for (int index = first; index < argc; ++index) {
         std::string name = argv[index];
         std::optional<std::string> attached;
@@ -60,110 +163,58 @@ CliOptions parse_command_line(int argc, const char* const* argv)
             attached = name.substr(equals + 1);
             name.erase(equals);
         }
-
-        auto value = [&]() -> std::string {
-            if (attached)
-                return *attached;
-            if (index + 1 >= argc)
+        if (options.command == Command::ledger_show && name.rfind("-", 0) != 0 && options.sale_id.empty()) {
+            options.sale_id = name;
+            continue;
+        }
+        const OptionRule* rule = nullptr;
+        for (const OptionRule& candidate : option_rules)
+            if (name == candidate.name && (candidate.commands & mask) != 0)
+                rule = &candidate;
+        if (rule == nullptr) {
+            const std::string command = command_name(options.command);
+            throw UsageError("unknown option '" + name + "'" + (command.empty() ? "" : " for " + command));
+        }
+        std::string value;
+        if (rule->takes_value) {
+            if (!attached && index + 1 >= argc)
                 throw UsageError(name + " needs a value");
-            return argv[++index];
-        };
-        auto flag = [&]() {
-            if (attached)
-                throw UsageError(name + " takes no value");
-        };
-
-        if (name == "--library")
-            options.library_path = value();
-        else if (name == "--wsaa-url")
-            options.wsaa_url = value();
-        else if (name == "--certificate")
-            options.certificate_path = value();
-        else if (name == "--password")
-            options.certificate_password = value();
-        else if (name == "--password-file")
-            options.password_file = value();
-        else if (name == "--env") {
-            const std::string wanted = value();
-            environment = nullptr;
-            for (const Environment& candidate : environments)
-                if (wanted == candidate.name)
-                    environment = &candidate;
-            if (environment == nullptr)
-                throw UsageError("--env takes homologation or production, not '" + wanted + "'");
+            value = attached ? *attached : argv[++index];
+        } else if (attached) {
+            throw UsageError(name + " takes no value");
         }
-        else if (name == "--operation" && !options.invoice) {
-            operation = value();
-            if (!is_wsfev1_operation(operation))
-                throw UsageError("--operation takes a WSFEv1 operation such as FECAESolicitar or FEDummy, not '" +
-                                 operation + "'");
-        }
-        else if (name == "--service")
-            options.service = value();
-        else if (name == "--url")
-            options.service_url = value();
-        else if (name == "--proxy")
-            options.proxy_url = value();
-        else if (name == "--proxy-user")
-            options.proxy_user = value();
-        else if (name == "--proxy-password")
-            options.proxy_password = value();
-        else if (name == "--tls-level")
-            options.tls_level = static_cast<int32_t>(parse_integer(name, value(), 1, 4));
-        else if (name == "--timeout-ms")
-            options.timeout_ms =
-                static_cast<uint32_t>(parse_integer(name, value(), 0, std::numeric_limits<uint32_t>::max()));
-        else if (name == "--tls-verify") {
-            flag();
-            options.tls_verify = true;
-        }
-        else if (name == "--ca-file")
-            options.ca_file = value();
-        else if (name == "--header")
-            options.headers.push_back(value());
-        else if (name == "--request" && !options.invoice)
-            options.request_file = value();
-        else if (name == "--cuit" && options.invoice)
-            options.cuit = parse_integer(name, value(), 1, 99999999999LL);
-        else if (name == "--invoice" && options.invoice)
-            options.invoice_file = value();
-        else if (name == "--qr-png" && options.invoice)
-            options.qr_png_file = value();
-        else if (name == "--log") {
-            flag();
-            options.print_log = true;
-        }
-        else if (name == "--log-file")
-            options.log_file = value();
-        else if (name == "--version") {
-            flag();
-            options.show_version = true;
-        }
-        else if (name == "--help" || name == "-h") {
-            flag();
-            options.show_help = true;
-        }
-        else
-            throw UsageError("unknown option '" + name + "'" +
-                             (options.invoice ? " for invoice" : ""));
+        rule->apply(options, state, name, value);
     }
-    if (options.invoice && !options.show_help && !options.show_version && (!options.cuit || options.invoice_file.empty()))
-        throw UsageError("invoice needs --cuit CUIT and --invoice FILE");
-    if (environment != nullptr) {
-        options.wsaa_url = options.wsaa_url.value_or(environment->wsaa_url);
-        options.service_url = options.service_url.value_or(environment->service_url);
+    if (!options.show_help && !options.show_version) {
+        if (options.command == Command::invoice &&
+            (!options.cuit || options.invoice_file.empty() == options.batch_file.empty()))
+            throw UsageError("invoice needs --cuit CUIT and either --invoice FILE or --batch FILE");
+        if (options.command == Command::invoice && !options.batch_file.empty() &&
+            (!options.sale_id.empty() || !options.qr_png_file.empty()))
+            throw UsageError("--batch takes the sale ids from its lines and makes no QR image");
+        if (options.command == Command::ledger_show && options.sale_id.empty())
+            throw UsageError("ledger show needs a SALE_ID");
     }
-    if (!operation.empty())
-        options.headers.push_back(wsfev1_soap_action(operation));
+    if (state.environment != nullptr) {
+        options.wsaa_url = options.wsaa_url.value_or(state.environment->wsaa_url);
+        options.service_url = options.service_url.value_or(state.environment->wsfev1_url);
+    }
+    if (!state.operation.empty())
+        options.headers.push_back(wsfev1_soap_action(state.operation));
     return options;
 }
 
 const char* usage_text()
 {
     return "Usage: tarvoafip_cli [options] [--request FILE]\n"
-           "       tarvoafip_cli invoice [options] --cuit CUIT --invoice FILE [--qr-png FILE]\n"
-           "Sends one SOAP request through libtarvoafipdriver and prints the answer; or, with invoice,\n"
-           "authorises one voucher given as JSON with WSFEv1's field names and prints the outcome as JSON.\n"
+           "       tarvoafip_cli invoice [options] --cuit CUIT --invoice FILE [--sale-id ID] [--qr-png FILE]\n"
+           "       tarvoafip_cli invoice [options] --cuit CUIT --batch FILE\n"
+           "       tarvoafip_cli ledger list [--ledger PATH] [--from YYYYMMDD] [--to YYYYMMDD]\n"
+           "                                 [--point-of-sale N] [--format json|csv]\n"
+           "       tarvoafip_cli ledger show SALE_ID [--ledger PATH]\n"
+           "Sends one SOAP request through libtarvoafipdriver and prints the answer; invoice authorises\n"
+           "vouchers given as JSON with WSFEv1's field names through the invoicing core, at most once per\n"
+           "sale, recorded in the ledger, and prints each outcome as a JSON line; ledger lists what was sold.\n"
            "\n"
            "  --library PATH          the shared library (default: TARVO_LIBRARY, else the one built next\n"
            "                          to this program, else libtarvoafipdriver.so.1 from the system)\n"
@@ -190,7 +241,15 @@ const char* usage_text()
            "                          a terminal unless '-' is given\n"
            "  --cuit CUIT             invoice: the issuer, sent in Auth/Cuit\n"
            "  --invoice FILE          invoice: the voucher as a JSON object; '-': standard input\n"
+           "  --sale-id ID            invoice: the host's name for the sale (or \"sale_id\" in the JSON);\n"
+           "                          the same sale run again returns its recorded outcome\n"
+           "  --batch FILE            invoice: one voucher with its \"sale_id\" a line (JSON lines);\n"
+           "                          '-': standard input; one outcome line each, in their order\n"
+           "  --ledger PATH           the ledger (default ledger.sqlite in the working directory)\n"
            "  --qr-png FILE           invoice: also write AFIP's QR code of the voucher as a PNG image\n"
+           "  --from, --to YYYYMMDD   ledger list: voucher dates, inclusive\n"
+           "  --point-of-sale N       ledger list: one point of sale\n"
+           "  --format json|csv       ledger list: a JSON object a line (default), or CSV with a header\n"
            "  --log                   print the transfer log on standard error after the answer\n"
            "                          (invoice: the log of its last request)\n"
            "  --log-file FILE         write the transfer log to FILE, readable by its owner only: it\n"
@@ -200,9 +259,11 @@ const char* usage_text()
            "\n"
            "The answer goes to standard output. The exit status is the library's result code\n"
            "(0 success, 1-17 see the library's header), or 64 bad usage, 66 unreadable request,\n"
-           "invoice: 0 approved, 20 rejected by AFIP, 21 outcome unknown, 65 bad invoice file,\n"
-           "73 QR image not writable, 1-17 the exchange failed before AFIP decided; also:\n"
-           "69 library not loadable, 70 answer or log not readable, 74 log file not writable.\n"
+           "invoice: 0 approved, 20 rejected by AFIP, 21 outcome unknown (run the same sale again),\n"
+           "22 sale id used by another voucher, 23 ledger unusable, 24 series busy, 65 bad invoice\n"
+           "file, 73 QR image not writable, 1-17 the exchange failed before AFIP decided (a batch:\n"
+           "the first sale's status that is not 0); ledger: 25 no such sale, 23 ledger unusable;\n"
+           "also: 69 library not loadable, 70 answer or log not readable, 74 log file not writable.\n"
            "credentials.json (the ticket cache) is read and written in the working directory,\n"
            "which must be writable: otherwise every run logs in again and WSAA refuses the second.\n"
            "Run with TZ=America/Argentina/Buenos_Aires: WSAA reads ticket times as Argentina's time.\n"

@@ -7,12 +7,26 @@
 #include <string>
 #include <vector>
 
+// What the program is asked to do.
+enum class Command {
+    request,     // send one SOAP request through libtarvoafipdriver
+    invoice,     // authorise a voucher (or a batch) through the invoicing core
+    ledger_list, // the ledger's sales, for the accountant
+    ledger_show, // one sale with everything the ledger keeps of it
+};
+
 // Everything the command line asked for; an absent option leaves its setter uncalled.
 struct CliOptions {
-    bool invoice = false; // "tarvoafip_cli invoice ...": authorise one voucher from a JSON file
+    Command command = Command::request;
     std::optional<std::int64_t> cuit;
     std::string invoice_file; // "-": standard input
+    std::string batch_file;   // JSON lines; "-": standard input
     std::string qr_png_file;
+    std::string sale_id;      // invoice --sale-id; ledger show's argument
+    std::string ledger_path;  // empty: ledger.sqlite in the working directory
+    std::string from_date, to_date; // ledger list, yyyymmdd
+    std::optional<int> point_of_sale;
+    std::string format = "json"; // ledger list: json or csv
     std::string library_path; // empty: TARVO_LIBRARY, the build tree's copy, or the installed library
     std::optional<std::string> wsaa_url;
     std::optional<std::string> certificate_path;

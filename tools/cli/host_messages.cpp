@@ -1,17 +1,35 @@
 #include "host_messages.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <iostream>
 
+#include "command_line.h"
 #include "tarvoafipdriver.h"
 
 namespace {
 
 const long argentina_offset_seconds = -3 * 3600;
+
+// The log holds the live token and sign: written for its owner's eyes only, also over an older file.
+bool write_private_file(const std::string& path, const std::string& data)
+{
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    if (fd < 0)
+        return false;
+    bool written = ::fchmod(fd, S_IRUSR | S_IWUSR) == 0;
+    for (size_t done = 0; written && done < data.size();) {
+        const ssize_t count = ::write(fd, data.data() + done, data.size() - done);
+        written = count > 0;
+        done += written ? static_cast<size_t>(count) : 0;
+    }
+    return ::close(fd) == 0 && written;
+}
 
 } // namespace
 
@@ -92,4 +110,17 @@ std::string ticket_cache_warning(const std::string& directory, const std::string
            (directory_writable ? cache + " cannot be written" : "the working directory " + directory + " cannot be written") +
            ": every run logs in again, and WSAA refuses a second login while the first ticket is valid "
            "(result 9); run from a directory this user can write";
+}
+
+bool report_transfer_log(const std::string& log, const CliOptions& options)
+{
+    if (options.print_log) {
+        std::cerr.write(log.data(), static_cast<std::streamsize>(log.size()));
+        std::cerr.flush();
+    }
+    if (!options.log_file.empty() && !write_private_file(options.log_file, log)) {
+        std::cerr << "tarvoafip_cli: cannot write the transfer log to " << options.log_file << '\n';
+        return false;
+    }
+    return true;
 }

@@ -20,4 +20,10 @@ std::string time_zone_warning(long offset_seconds);
 // A warning when the ticket cannot be kept in `cache_file` inside `directory`, empty otherwise.
 std::string ticket_cache_warning(const std::string& directory, const std::string& cache_file);
 
+struct CliOptions;
+
+// --log and --log-file: `log` on standard error and into a file only its owner may read (it holds
+// the live token and sign); false when the file cannot be written.
+bool report_transfer_log(const std::string& log, const CliOptions& options);
+
 #endif

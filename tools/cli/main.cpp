@@ -106,25 +106,8 @@ void apply_settings(const LoadedDriver& driver, const CliOptions& options, const
         driver.SetSecurity(*options.tls_level);
     if (options.timeout_ms)
         driver.SetTimeOut(*options.timeout_ms);
-    // The invoice flow queues them again before each of its requests.
-    if (!options.invoice)
-        for (const std::string& header : options.headers)
-            driver.AddSOAPHeader(header.c_str());
-}
-
-// The log holds the live token and sign: written for its owner's eyes only, also over an older file.
-bool write_private_file(const std::string& path, const std::string& data)
-{
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    if (fd < 0)
-        return false;
-    bool written = ::fchmod(fd, S_IRUSR | S_IWUSR) == 0;
-    for (size_t done = 0; written && done < data.size();) {
-        const ssize_t count = ::write(fd, data.data() + done, data.size() - done);
-        written = count > 0;
-        done += written ? static_cast<size_t>(count) : 0;
-    }
-    return ::close(fd) == 0 && written;
+    for (const std::string& header : options.headers)
+        driver.AddSOAPHeader(header.c_str());
 }
 
 // --log and --log-file: the transfer log of the last request; false when the file cannot be written.
@@ -132,39 +115,56 @@ bool report_log(const LoadedDriver& driver, const CliOptions& options)
 {
     if (!options.print_log && options.log_file.empty())
         return true;
-    const std::string log = driver.transfer_log();
-    if (options.print_log) {
-        std::cerr.write(log.data(), static_cast<std::streamsize>(log.size()));
-        std::cerr.flush();
+    return report_transfer_log(driver.transfer_log(), options);
+}
+
+// The warnings every run that talks to AFIP gives; `request` empty for an invoice.
+void warn_before_sending(const std::string& request)
+{
+    for (const std::string& warning :
+         {time_zone_warning(utc_offset_seconds(std::time(nullptr))), request.empty() ? "" : ticket_element_warning(request),
+          ticket_cache_warning(working_directory(), "credentials.json")})
+        if (!warning.empty())
+            complain(warning);
+}
+
+// invoice and ledger: through the invoicing core, which does not load the driver.
+int run_on_core(const CliOptions& options)
+{
+    if (options.command != Command::invoice)
+        return run_ledger(options);
+    std::optional<std::string> certificate_password;
+    try {
+        certificate_password = password(options);
+    } catch (const std::runtime_error& error) {
+        complain(error.what());
+        return exit_no_input;
     }
-    if (!options.log_file.empty() && !write_private_file(options.log_file, log)) {
-        complain("cannot write the transfer log to " + options.log_file);
-        return false;
-    }
-    return true;
+    warn_before_sending("");
+    return run_invoice(options, certificate_password);
 }
 
 int run(const CliOptions& options)
 {
+    if (options.command != Command::request)
+        return run_on_core(options);
     const LoadedDriver driver(options.library_path.empty() ? default_library_path() : options.library_path);
     if (options.show_version) {
         std::cout << "libtarvoafipdriver " << driver.version() << '\n';
         return 0;
     }
 
+    // Never wait silently for a request typed on a terminal.
+    if (options.request_file.empty() && isatty(STDIN_FILENO)) {
+        complain("no request: give --request FILE, or pipe one in (--request - reads this terminal)");
+        return exit_usage;
+    }
+    if (options.request_file == "-" && isatty(STDIN_FILENO))
+        complain("reading the request from this terminal; end it with Ctrl-D");
     std::string request;
-    if (!options.invoice) {
-        // Never wait silently for a request typed on a terminal.
-        if (options.request_file.empty() && isatty(STDIN_FILENO)) {
-            complain("no request: give --request FILE, or pipe one in (--request - reads this terminal)");
-            return exit_usage;
-        }
-        if (options.request_file == "-" && isatty(STDIN_FILENO))
-            complain("reading the request from this terminal; end it with Ctrl-D");
-        if (!read_file_or_input(options.request_file.empty() ? "-" : options.request_file, request)) {
-            complain("cannot read the request from " + options.request_file);
-            return exit_no_input;
-        }
+    if (!read_file_or_input(options.request_file.empty() ? "-" : options.request_file, request)) {
+        complain("cannot read the request from " + options.request_file);
+        return exit_no_input;
     }
     std::optional<std::string> certificate_password;
     try {
@@ -173,20 +173,8 @@ int run(const CliOptions& options)
         complain(error.what());
         return exit_no_input;
     }
-
-    for (const std::string& warning :
-         {time_zone_warning(utc_offset_seconds(std::time(nullptr))), options.invoice ? "" : ticket_element_warning(request),
-          ticket_cache_warning(working_directory(), "credentials.json")})
-        if (!warning.empty())
-            complain(warning);
+    warn_before_sending(request);
     apply_settings(driver, options, certificate_password);
-
-    if (options.invoice) {
-        const int status = run_invoice(driver, options);
-        // The voucher's outcome is printed already: a log that cannot be written does not hide it.
-        report_log(driver, options);
-        return status;
-    }
     const int32_t result = driver.SendSOAP(request.c_str());
 
     // The answer is bytes, not text: written whole, whatever it holds.

@@ -1,8 +1,10 @@
-#ifndef TARVO_TOOLS_CLI_QR_CODE_H
-#define TARVO_TOOLS_CLI_QR_CODE_H
+#ifndef TARVO_INVOICING_QR_H
+#define TARVO_INVOICING_QR_H
 
 #include <cstdint>
 #include <string>
+
+#include "invoicing/money.h"
 
 // What AFIP's QR code (RG 4892/2020) carries about an authorised voucher.
 struct QrVoucher {
@@ -11,12 +13,13 @@ struct QrVoucher {
     int point_of_sale = 0;
     int voucher_type = 0;
     std::int64_t number = 0;
-    std::int64_t total_cents = 0;
+    Money total;
     std::string currency;
     std::string exchange_rate; // a JSON number as given
     int document_type = 0;
     std::int64_t document_number = 0;
-    std::string cae; // 14 digits, a JSON number in the payload
+    std::string code; // the CAE or CAEA, 14 digits, a JSON number in the payload
+    bool advance = false; // authorised in advance (a CAEA): tipoCodAut "A", else "E"
 };
 
 // The JSON payload, keys in AFIP's order, numbers as JSON numbers.

@@ -1,10 +1,14 @@
-#ifndef TARVO_TOOLS_CLI_INVOICE_ANSWER_H
-#define TARVO_TOOLS_CLI_INVOICE_ANSWER_H
+#ifndef TARVO_INVOICING_WSFEV1_ANSWERS_H
+#define TARVO_INVOICING_WSFEV1_ANSWERS_H
 
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
+
+// WSFEv1's answers as the invoicing core reads them; elements are matched by local name, so any
+// prefix or default namespace works.
 
 struct ServiceMessage {
     long long code = 0;
@@ -13,14 +17,22 @@ struct ServiceMessage {
 
 using ServiceMessages = std::vector<ServiceMessage>;
 
-// What FECAESolicitar said about the one voucher sent; elements are matched by local name.
-struct AuthorisationAnswer {
-    std::string result;     // FECAEDetResponse/Resultado, else FeCabResp/Resultado: A, R, P or empty
-    std::string point_of_sale, voucher_type, number, date; // as the answer echoes them
-    std::string cae, cae_expiry;
-    ServiceMessages observations, errors, events;
+bool has_code(const ServiceMessages& messages, long long code);
 
-    bool has_error(long long code) const;
+// One FECAEDetResponse.
+struct DetailAnswer {
+    std::string result; // A or R
+    std::int64_t number = 0; // CbteDesde
+    std::string date;        // CbteFch
+    std::string cae, cae_expiry;
+    ServiceMessages observations;
+};
+
+// What FECAESolicitar said.
+struct AuthorisationAnswer {
+    std::string result; // FeCabResp/Resultado: A, R, P, or empty
+    std::vector<DetailAnswer> details;
+    ServiceMessages errors, events;
 };
 
 // nullopt when the text holds no FECAESolicitarResult: not XML, a SOAP fault, another answer.
@@ -45,5 +57,8 @@ struct ConsultedVoucher {
 
 // nullopt when the text holds no FECompConsultarResult, or errors other than 602 without ResultGet.
 std::optional<ConsultedVoucher> read_consulted_voucher(const std::string& xml);
+
+// FECompTotXRequest's RegXReq; nullopt when the answer holds none above zero.
+std::optional<int> read_records_per_request(const std::string& xml);
 
 #endif

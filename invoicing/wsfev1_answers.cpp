@@ -1,4 +1,4 @@
-#include "invoice_answer.h"
+#include "invoicing/wsfev1_answers.h"
 
 #include <pugixml.hpp>
 
@@ -40,10 +40,10 @@ std::optional<pugi::xml_node> operation_result(pugi::xml_document& document, con
 
 } // namespace
 
-bool AuthorisationAnswer::has_error(long long code) const
+bool has_code(const ServiceMessages& messages, long long code)
 {
-    for (const ServiceMessage& error : errors)
-        if (error.code == code)
+    for (const ServiceMessage& message : messages)
+        if (message.code == code)
             return true;
     return false;
 }
@@ -55,18 +55,19 @@ std::optional<AuthorisationAnswer> read_authorisation_answer(const std::string& 
     if (!result)
         return std::nullopt;
     AuthorisationAnswer answer;
-    const pugi::xml_node header = child_by_local_name(*result, "FeCabResp");
-    const pugi::xml_node detail = child_by_local_name(child_by_local_name(*result, "FeDetResp"), "FECAEDetResponse");
-    answer.result = text(detail, "Resultado");
-    if (answer.result.empty())
-        answer.result = text(header, "Resultado");
-    answer.point_of_sale = text(header, "PtoVta");
-    answer.voucher_type = text(header, "CbteTipo");
-    answer.number = text(detail, "CbteDesde");
-    answer.date = text(detail, "CbteFch");
-    answer.cae = text(detail, "CAE");
-    answer.cae_expiry = text(detail, "CAEFchVto");
-    answer.observations = messages(child_by_local_name(detail, "Observaciones"));
+    answer.result = text(child_by_local_name(*result, "FeCabResp"), "Resultado");
+    for (const pugi::xml_node& detail : child_by_local_name(*result, "FeDetResp").children()) {
+        if (detail.type() != pugi::node_element || local_name(detail) != "FECAEDetResponse")
+            continue;
+        DetailAnswer read;
+        read.result = text(detail, "Resultado");
+        read.number = child_by_local_name(detail, "CbteDesde").text().as_llong();
+        read.date = text(detail, "CbteFch");
+        read.cae = text(detail, "CAE");
+        read.cae_expiry = text(detail, "CAEFchVto");
+        read.observations = messages(child_by_local_name(detail, "Observaciones"));
+        answer.details.push_back(std::move(read));
+    }
     answer.errors = messages(child_by_local_name(*result, "Errors"));
     answer.events = messages(child_by_local_name(*result, "Events"));
     return answer;
@@ -116,4 +117,16 @@ std::string ConsultedVoucher::field(const std::string& name) const
         if (key == name)
             return value;
     return {};
+}
+
+std::optional<int> read_records_per_request(const std::string& xml)
+{
+    pugi::xml_document document;
+    const auto result = operation_result(document, xml, "FECompTotXRequestResult");
+    if (!result)
+        return std::nullopt;
+    const int count = child_by_local_name(*result, "RegXReq").text().as_int();
+    if (count <= 0)
+        return std::nullopt;
+    return count;
 }

@@ -1,4 +1,4 @@
-#include "qr_code.h"
+#include "invoicing/qr.h"
 
 #include <png.h>
 #include <qrencode.h>
@@ -7,7 +7,6 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
-#include "invoice_file.h"
 #include "util/b64.h"
 
 namespace {
@@ -33,11 +32,11 @@ std::string qr_payload(const QrVoucher& voucher)
                                  : voucher.date;
     return "{\"ver\":1,\"fecha\":" + nlohmann::json(date).dump() + ",\"cuit\":" + std::to_string(voucher.cuit) +
            ",\"ptoVta\":" + std::to_string(voucher.point_of_sale) + ",\"tipoCmp\":" + std::to_string(voucher.voucher_type) +
-           ",\"nroCmp\":" + std::to_string(voucher.number) + ",\"importe\":" + format_cents(voucher.total_cents) +
+           ",\"nroCmp\":" + std::to_string(voucher.number) + ",\"importe\":" + voucher.total.text() +
            ",\"moneda\":" + nlohmann::json(voucher.currency).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) +
            ",\"ctz\":" + voucher.exchange_rate + ",\"tipoDocRec\":" + std::to_string(voucher.document_type) +
-           ",\"nroDocRec\":" + std::to_string(voucher.document_number) + ",\"tipoCodAut\":\"E\",\"codAut\":" +
-           number_text(voucher.cae) + "}";
+           ",\"nroDocRec\":" + std::to_string(voucher.document_number) + ",\"tipoCodAut\":\"" + (voucher.advance ? "A" : "E") +
+           "\",\"codAut\":" + number_text(voucher.code) + "}";
 }
 
 std::string qr_url(const QrVoucher& voucher)

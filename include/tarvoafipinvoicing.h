@@ -1,0 +1,115 @@
+/* libtarvoafipinvoicing: authorise AFIP vouchers at most once, keep them in a ledger, and make
+ * AFIP's QR code; written once for every host language.
+ *
+ * Conventions:
+ *  1. Text crosses in UTF-8, NUL-terminated. Requests and results are JSON.
+ *  2. Every function that acts returns a result code (below); 0 is success. The message of the
+ *     last failure on a handle, for the user, is tarvo_invoicing_message(handle); the message
+ *     never replaces the code.
+ *  3. Text the library hands out through a `char**` is the caller's: free it with
+ *     tarvo_invoicing_free(). On failures that produce no result the pointer is set to NULL.
+ *  4. A handle holds one configuration (the issuer, AFIP's addresses, the certificate, the
+ *     ledger). Use each handle from one thread at a time; several handles may work at once in
+ *     several threads and processes, sharing one ledger and one ticket cache. The library keeps
+ *     no process-wide state of its own.
+ *  5. Tickets are cached in credentials.json in the working directory, shared with
+ *     libtarvoafipdriver. The ledger is a SQLite file, "ledger.sqlite" in the working directory
+ *     unless the settings name another.
+ */
+#ifndef TARVOAFIPINVOICING_H
+#define TARVOAFIPINVOICING_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* 1.0.0; tarvo_invoicing_version() gives the number of the library loaded. */
+#define TARVO_INVOICING_VERSION 10000
+
+/* Result codes. 1 to 17 are libtarvoafipdriver's (tarvoafipdriver.h): the exchange with AFIP
+ * failed before AFIP could decide, so nothing was authorised. */
+#define TARVO_INVOICING_OK 0
+#define TARVO_INVOICING_REJECTED 20        /* AFIP refused the voucher: the result says why */
+#define TARVO_INVOICING_OUTCOME_UNKNOWN 21 /* the answer was lost for good: the sale stays pending in
+                                              the ledger; run the same sale again to settle it */
+#define TARVO_INVOICING_SALE_CONFLICT 22   /* the sale id belongs to another voucher: nothing sent */
+#define TARVO_INVOICING_LEDGER_ERROR 23    /* the ledger cannot be used: nothing sent */
+#define TARVO_INVOICING_BUSY 24            /* another process kept the series too long: nothing sent */
+#define TARVO_INVOICING_NOT_FOUND 25       /* no such sale in the ledger */
+#define TARVO_INVOICING_BAD_INPUT 65       /* the JSON is not what the function takes */
+#define TARVO_INVOICING_INTERNAL 70        /* a failure inside the library (out of memory...) */
+#define TARVO_INVOICING_CANNOT_WRITE 73    /* an output file cannot be written */
+
+typedef struct tarvo_invoicing tarvo_invoicing;
+
+/* TARVO_INVOICING_VERSION of the library loaded. */
+int tarvo_invoicing_version(void);
+
+/* Makes a handle from settings, a JSON object:
+ *   "cuit"            the issuer's CUIT (number), needed to authorise
+ *   "env"             "homologation" or "production": AFIP's addresses for what is not given
+ *   "wsaa_url", "url" WSAA's and WSFEv1's addresses
+ *   "certificate", "password"  the PKCS#12 file and its password
+ *   "service"         the WSAA service of WSFEv1 (default "wsfe")
+ *   "ledger"          the ledger's path (default "ledger.sqlite")
+ *   "proxy", "proxy_user", "proxy_password", "tls_level" (1-4), "timeout_ms",
+ *   "headers" (a list of "Name: value" lines sent with every request),
+ *   "tls_verify" (true/false; absent: TARVO_TLS_VERIFY), "ca_file",
+ *   "series_wait_ms"  how long to wait for another process's work on the same series (120000)
+ * Unknown keys are refused. *handle is always set (NULL only when out of memory), also on
+ * failure, so that the message can be read; close it with tarvo_invoicing_close(). */
+int tarvo_invoicing_open(const char* settings_json, tarvo_invoicing** handle);
+
+/* Frees the handle and everything it holds; NULL is accepted. */
+void tarvo_invoicing_close(tarvo_invoicing* handle);
+
+/* The last failure's message on the handle, "" after a success; valid until the next call on it. */
+const char* tarvo_invoicing_message(const tarvo_invoicing* handle);
+
+/* Authorises one voucher, a JSON object with WSFEv1's field names (PtoVta, CbteTipo, Concepto,
+ * DocTipo, DocNro, ImpTotal... Iva, Tributos, CbtesAsoc, Opcionales) and an optional "sale_id",
+ * the host's name for the sale. Amounts are JSON numbers or decimal texts. Without CbteNro the
+ * number is the next of the series; without CbteFch the date is today in Argentina.
+ * At most once per sale id: one approved before returns its recorded outcome and sends nothing;
+ * one left pending (a crash, a lost answer) is settled by FECompConsultar first; another voucher
+ * under a used sale id is refused. Without a sale id one is made, and a rerun cannot be recognised.
+ * *outcome_json receives the outcome for codes 0, 20, 21 and 1-17:
+ *   {"sale_id", "Resultado", "PtoVta", "CbteTipo", "CbteNro", "CbteFch", "CAE", "CAEFchVto",
+ *    "Observaciones": [{"Code","Msg"}], "Errors": [...], "Events": [...], "recovered",
+ *    "from_ledger", "qr_url", "status", "message"}
+ * and NULL for the other codes. */
+int tarvo_invoicing_authorise(tarvo_invoicing* handle, const char* voucher_json, char** outcome_json);
+
+/* Authorises a JSON list of vouchers as few requests as AFIP allows: one series (point of sale and
+ * type) together, up to FECompTotXRequest vouchers a request. *outcomes_json receives a list of
+ * outcomes in the order of the vouchers, each as tarvo_invoicing_authorise gives it, with its own
+ * "status" and "message" (65 for an element that is not a voucher). Returns 0 when every voucher
+ * was approved, else the first non-zero status among them; BAD_INPUT when the text is no list. */
+int tarvo_invoicing_authorise_batch(tarvo_invoicing* handle, const char* vouchers_json, char** outcomes_json);
+
+/* The ledger's sales, a JSON list, selected by a JSON object (or NULL for all):
+ *   {"from": "yyyymmdd", "to": "yyyymmdd", "point_of_sale": N}  (voucher dates, inclusive)
+ * Each sale: {"sale_id", "state" (pending, approved, rejected, failed), "PtoVta", "CbteTipo",
+ * "CbteNro", "CbteFch", "DocTipo", "DocNro", "ImpTotal", "CAE", "CAEFchVto", "created_at",
+ * "updated_at"}. */
+int tarvo_invoicing_ledger_list(tarvo_invoicing* handle, const char* filter_json, char** sales_json);
+
+/* One sale of the ledger with everything kept of it: the list's fields, the voucher as sent,
+ * "Observaciones", "Errors", "Events", "recovered", "message", "qr_url" and its "attempts".
+ * NOT_FOUND when the ledger has no such sale. */
+int tarvo_invoicing_ledger_show(tarvo_invoicing* handle, const char* sale_id, char** sale_json);
+
+/* Writes `text` (a QR address) as a PNG image: error correction M, 4 pixels a module. */
+int tarvo_invoicing_qr_png(tarvo_invoicing* handle, const char* text, const char* png_path);
+
+/* The transfer log of the handle's last exchange with AFIP (it holds the live ticket). */
+int tarvo_invoicing_transfer_log(tarvo_invoicing* handle, char** log);
+
+/* Frees text the library handed out; NULL is accepted. */
+void tarvo_invoicing_free(void* text);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

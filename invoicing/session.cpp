@@ -1,0 +1,328 @@
+#include "invoicing/session.h"
+
+#include <nlohmann/json.hpp>
+
+#include <functional>
+#include <map>
+
+#include "invoicing/authorisation.h"
+#include "invoicing/qr.h"
+#include "invoicing/voucher.h"
+#include "util/afip_environments.h"
+
+namespace {
+
+using nlohmann::json;
+using nlohmann::ordered_json;
+
+std::string dump(const ordered_json& value)
+{
+    return value.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+json parse_object(const std::string& text, const char* what)
+{
+    json value;
+    try {
+        value = json::parse(text);
+    } catch (const json::exception& error) {
+        throw SettingsError(std::string(what) + " are not JSON: " + error.what());
+    }
+    if (!value.is_object())
+        throw SettingsError(std::string(what) + " must be a JSON object");
+    return value;
+}
+
+// The settings a handle takes: each key's reader, so that an unknown key is refused by name.
+struct SettingsReader {
+    json settings;
+    SoapSettings soap;
+    std::vector<std::string> headers;
+    std::optional<std::string> env;
+
+    std::string text(const std::string& key) const
+    {
+        if (!settings[key].is_string())
+            throw SettingsError("setting " + key + " must be a string");
+        return settings[key].get<std::string>();
+    }
+
+    std::int64_t whole(const std::string& key, std::int64_t lowest, std::int64_t highest) const
+    {
+        const json& value = settings[key];
+        if (!value.is_number_integer() || (value.is_number_unsigned() && value.get<std::uint64_t>() > static_cast<std::uint64_t>(highest)) ||
+            value.get<std::int64_t>() < lowest || value.get<std::int64_t>() > highest)
+            throw SettingsError("setting " + key + " must be a whole number from " + std::to_string(lowest) + " to " +
+                                std::to_string(highest));
+        return value.get<std::int64_t>();
+    }
+};
+
+ordered_json messages_json(const ServiceMessages& messages)
+{
+    ordered_json list = ordered_json::array();
+    for (const ServiceMessage& message : messages)
+        list.push_back({{"Code", message.code}, {"Msg", message.text}});
+    return list;
+}
+
+ordered_json outcome_json(const SaleOutcome& outcome)
+{
+    ordered_json out;
+    out["sale_id"] = outcome.sale_id;
+    out["Resultado"] = outcome.result;
+    out["PtoVta"] = outcome.point_of_sale;
+    out["CbteTipo"] = outcome.voucher_type;
+    out["CbteNro"] = outcome.number;
+    out["CbteFch"] = outcome.date;
+    out["CAE"] = outcome.cae;
+    out["CAEFchVto"] = outcome.cae_expiry;
+    out["Observaciones"] = messages_json(outcome.observations);
+    out["Errors"] = messages_json(outcome.errors);
+    out["Events"] = messages_json(outcome.events);
+    out["recovered"] = outcome.recovered;
+    out["from_ledger"] = outcome.from_ledger;
+    out["qr_url"] = outcome.qr_url.empty() ? ordered_json() : ordered_json(outcome.qr_url);
+    out["status"] = outcome.status;
+    out["message"] = outcome.message;
+    return out;
+}
+
+// Whether an outcome goes to the host with its code: the voucher's fate, or the exchange's failure.
+bool has_outcome(int status)
+{
+    return status == status::approved || status == status::rejected || status == status::outcome_unknown ||
+           (status >= 1 && status <= 17);
+}
+
+ordered_json sale_summary(const SaleRecord& sale)
+{
+    const json voucher = json::parse(sale.voucher, nullptr, false);
+    const auto field = [&](const char* name) { return voucher.is_object() && voucher.contains(name) ? voucher[name] : json(); };
+    ordered_json out;
+    out["sale_id"] = sale.sale_id;
+    out["state"] = sale_state_name(sale.state);
+    out["PtoVta"] = sale.series.point_of_sale;
+    out["CbteTipo"] = sale.series.voucher_type;
+    out["CbteNro"] = sale.number ? ordered_json(*sale.number) : ordered_json();
+    out["CbteFch"] = sale.date;
+    out["DocTipo"] = field("DocTipo");
+    out["DocNro"] = field("DocNro");
+    out["ImpTotal"] = field("ImpTotal");
+    out["CAE"] = sale.cae;
+    out["CAEFchVto"] = sale.cae_expiry;
+    out["created_at"] = sale.created_at;
+    out["updated_at"] = sale.updated_at;
+    return out;
+}
+
+} // namespace
+
+InvoicingSession::InvoicingSession(const std::string& settings_json)
+{
+    SettingsReader reader{parse_object(settings_json, "the settings"), {}, {}, {}};
+    reader.soap.service = "wsfe";
+    reader.soap.verify_with = tls_verification_from_environment();
+    bool verify = reader.soap.verify_with.has_value();
+    std::optional<std::string> ca_file;
+    const std::map<std::string, std::function<void(const std::string&)>> keys = {
+        {"cuit", [&](const std::string& key) { m_cuit = reader.whole(key, 1, 99999999999LL); }},
+        {"env", [&](const std::string& key) { reader.env = reader.text(key); }},
+        {"wsaa_url", [&](const std::string& key) { reader.soap.wsaa_url = reader.text(key); }},
+        {"url", [&](const std::string& key) { reader.soap.ws_url = reader.text(key); }},
+        {"certificate", [&](const std::string& key) { reader.soap.certificate_path = reader.text(key); }},
+        {"password", [&](const std::string& key) { reader.soap.certificate_password = reader.text(key); }},
+        {"service", [&](const std::string& key) { reader.soap.service = reader.text(key); }},
+        {"ledger", [&](const std::string& key) { m_ledger_path = reader.text(key); }},
+        {"proxy", [&](const std::string& key) { reader.soap.proxy_url = reader.text(key); }},
+        {"proxy_user", [&](const std::string& key) { reader.soap.proxy_username = reader.text(key); }},
+        {"proxy_password", [&](const std::string& key) { reader.soap.proxy_password = reader.text(key); }},
+        {"tls_level", [&](const std::string& key) { reader.soap.security_level = static_cast<int32_t>(reader.whole(key, 0, 4)); }},
+        {"timeout_ms",
+         [&](const std::string& key) { reader.soap.time_out = static_cast<uint32_t>(reader.whole(key, 0, 4294967295LL)); }},
+        {"series_wait_ms",
+         [&](const std::string& key) { m_series_wait = std::chrono::milliseconds(reader.whole(key, 0, 86400000)); }},
+        {"ca_file", [&](const std::string& key) { ca_file = reader.text(key); }},
+        {"tls_verify",
+         [&](const std::string& key) {
+             if (!reader.settings[key].is_boolean())
+                 throw SettingsError("setting tls_verify must be true or false");
+             verify = reader.settings[key].get<bool>();
+         }},
+        {"headers",
+         [&](const std::string& key) {
+             const json& lines = reader.settings[key];
+             for (size_t i = 0; lines.is_array() && i < lines.size() && lines[i].is_string(); ++i)
+                 reader.headers.push_back(lines[i].get<std::string>());
+             if (!lines.is_array() || reader.headers.size() != lines.size())
+                 throw SettingsError("setting headers must be a list of texts");
+         }},
+    };
+    for (const auto& [key, value] : reader.settings.items()) {
+        const auto found = keys.find(key);
+        if (found == keys.end())
+            throw SettingsError("unknown setting '" + key + "'");
+        if (!value.is_null())
+            found->second(key);
+    }
+    if (reader.env) {
+        const AfipEnvironment* environment = find_afip_environment(reader.env->c_str());
+        if (environment == nullptr)
+            throw SettingsError("setting env takes homologation or production, not '" + *reader.env + "'");
+        if (!reader.settings.contains("wsaa_url"))
+            reader.soap.wsaa_url = environment->wsaa_url;
+        if (!reader.settings.contains("url"))
+            reader.soap.ws_url = environment->wsfev1_url;
+    }
+    // A trust file named means verification wanted, as the command line has it.
+    if (ca_file || verify)
+        reader.soap.verify_with = ca_file.value_or(reader.soap.verify_with.value_or(""));
+    if (reader.settings.contains("tls_verify") && !verify)
+        reader.soap.verify_with.reset();
+    m_channel = std::make_unique<LibraryChannel>(reader.soap, reader.headers);
+}
+
+Ledger& InvoicingSession::ledger()
+{
+    if (!m_ledger)
+        m_ledger = std::make_unique<Ledger>(m_ledger_path);
+    return *m_ledger;
+}
+
+const std::string& InvoicingSession::transfer_log() const
+{
+    return m_channel->last_log();
+}
+
+CoreResult InvoicingSession::authorise(const std::string& voucher_json)
+{
+    return authorise_parsed({voucher_json}, false);
+}
+
+CoreResult InvoicingSession::authorise_batch(const std::string& vouchers_json)
+{
+    const json list = json::parse(vouchers_json, nullptr, false);
+    if (!list.is_array())
+        return {status::bad_input, "the vouchers must be a JSON list", std::nullopt};
+    std::vector<std::string> texts;
+    for (const json& voucher : list)
+        texts.push_back(voucher.dump());
+    return authorise_parsed(texts, true);
+}
+
+CoreResult InvoicingSession::authorise_parsed(const std::vector<std::string>& texts, bool batch)
+{
+    std::vector<Voucher> vouchers;
+    std::vector<std::optional<SaleOutcome>> refused(texts.size());
+    std::vector<size_t> positions; // of each voucher among the texts
+    for (size_t i = 0; i < texts.size(); ++i) {
+        try {
+            vouchers.push_back(read_voucher(texts[i]));
+            if (vouchers.back().sale_id.empty())
+                vouchers.back().sale_id = generated_sale_id();
+            positions.push_back(i);
+        } catch (const VoucherError& error) {
+            if (!batch)
+                return {status::bad_input, std::string("bad voucher: ") + error.what() + "; nothing was sent", std::nullopt};
+            SaleOutcome outcome;
+            outcome.status = status::bad_input;
+            outcome.message = std::string("bad voucher: ") + error.what() + "; nothing was sent";
+            const json given = json::parse(texts[i], nullptr, false);
+            if (given.is_object() && given.contains("sale_id") && given["sale_id"].is_string())
+                outcome.sale_id = given["sale_id"].get<std::string>();
+            refused[i] = outcome;
+        }
+    }
+    std::vector<SaleOutcome> outcomes;
+    if (!vouchers.empty()) {
+        if (!m_cuit)
+            return {status::bad_input, "the settings name no issuer: give \"cuit\"", std::nullopt};
+        try {
+            Authoriser authoriser(ledger(), *m_channel, AuthorisationSettings{*m_cuit, m_series_wait});
+            outcomes = authoriser.authorise(vouchers);
+        } catch (const LedgerError& error) {
+            return {status::ledger_unusable, std::string(error.what()) + "; nothing was sent", std::nullopt};
+        }
+    }
+    if (!batch) {
+        const SaleOutcome& outcome = outcomes.front();
+        return {outcome.status, outcome.message,
+                has_outcome(outcome.status) ? std::optional<std::string>(dump(outcome_json(outcome))) : std::nullopt};
+    }
+    for (size_t i = 0; i < outcomes.size(); ++i)
+        refused[positions[i]] = outcomes[i];
+    ordered_json list = ordered_json::array();
+    CoreResult result{status::approved, "", std::nullopt};
+    for (const std::optional<SaleOutcome>& outcome : refused) {
+        list.push_back(outcome_json(*outcome));
+        if (result.status == status::approved && outcome->status != status::approved) {
+            result.status = outcome->status;
+            result.message = "sale " + outcome->sale_id + ": " + outcome->message;
+        }
+    }
+    result.output = dump(list);
+    return result;
+}
+
+CoreResult InvoicingSession::ledger_list(const std::string& filter_json)
+{
+    LedgerFilter filter;
+    if (!filter_json.empty()) {
+        const json given = json::parse(filter_json, nullptr, false);
+        if (!given.is_object())
+            return {status::bad_input, "the filter must be a JSON object", std::nullopt};
+        for (const auto& [key, value] : given.items()) {
+            const bool date = key == "from" || key == "to";
+            if (date && value.is_string() && value.get<std::string>().size() == 8 &&
+                value.get<std::string>().find_first_not_of("0123456789") == std::string::npos)
+                (key == "from" ? filter.from_date : filter.to_date) = value.get<std::string>();
+            else if (key == "point_of_sale" && value.is_number_integer() && value.get<std::int64_t>() > 0 &&
+                     value.get<std::int64_t>() <= 99999)
+                filter.point_of_sale = value.get<int>();
+            else
+                return {status::bad_input,
+                        date ? "filter " + key + " must be a date written yyyymmdd"
+                        : key == "point_of_sale" ? "filter point_of_sale must be a number from 1 to 99999"
+                                                 : "unknown filter '" + key + "'",
+                        std::nullopt};
+        }
+    }
+    ordered_json list = ordered_json::array();
+    for (const SaleRecord& sale : ledger().list(filter))
+        list.push_back(sale_summary(sale));
+    return {status::approved, "", dump(list)};
+}
+
+CoreResult InvoicingSession::ledger_show(const std::string& sale_id)
+{
+    const std::optional<SaleRecord> sale = ledger().sale(sale_id);
+    if (!sale)
+        return {status::not_found, "the ledger " + m_ledger_path + " has no sale '" + sale_id + "'", std::nullopt};
+    ordered_json out = sale_summary(*sale);
+    out["voucher"] = ordered_json::parse(sale->voucher, nullptr, false);
+    const SaleOutcome outcome = outcome_of_record(*sale);
+    out["Resultado"] = sale->result;
+    out["Observaciones"] = messages_json(outcome.observations);
+    out["Errors"] = messages_json(outcome.errors);
+    out["Events"] = messages_json(outcome.events);
+    out["recovered"] = sale->recovered;
+    out["message"] = sale->message;
+    out["qr_url"] = outcome.qr_url.empty() ? ordered_json() : ordered_json(outcome.qr_url);
+    ordered_json attempts = ordered_json::array();
+    for (const SaleAttempt& attempt : ledger().attempts(sale_id))
+        attempts.push_back({{"CbteNro", attempt.number},
+                            {"CbteFch", attempt.date},
+                            {"started_at", attempt.started_at},
+                            {"finished_at", attempt.finished_at},
+                            {"outcome", attempt.outcome.empty() ? "pending" : attempt.outcome}});
+    out["attempts"] = attempts;
+    return {status::approved, "", dump(out)};
+}
+
+CoreResult InvoicingSession::qr_png(const std::string& text, const std::string& path)
+{
+    std::string problem;
+    if (!write_qr_png(text, path, problem))
+        return {73, problem, std::nullopt};
+    return {status::approved, "", std::nullopt};
+}
