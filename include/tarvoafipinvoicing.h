@@ -99,7 +99,20 @@ int tarvo_invoicing_ledger_list(tarvo_invoicing* handle, const char* filter_json
  * NOT_FOUND when the ledger has no such sale. */
 int tarvo_invoicing_ledger_show(tarvo_invoicing* handle, const char* sale_id, char** sale_json);
 
-/* Writes `text` (a QR address) as a PNG image: error correction M, 4 pixels a module. */
+/* The outcome that a FECAESolicitar answer (XML) gives its first voucher, with the keys of
+ * tarvo_invoicing_authorise's outcome (qr_url null: the answer lacks the amounts); BAD_INPUT when
+ * the text holds no FECAESolicitarResult. For hosts that send their own requests. The handle may be
+ * NULL: the message is then lost. */
+int tarvo_invoicing_read_answer(tarvo_invoicing* handle, const char* answer_xml, char** outcome_json);
+
+/* AFIP's QR address (RG 4892/2020) of a voucher given as a JSON object with the payload's keys:
+ * "fecha" (yyyymmdd or yyyy-mm-dd), "cuit", "ptoVta", "tipoCmp", "nroCmp", "importe" (number or
+ * decimal text), "moneda" ("PES"), "ctz" (1), "tipoDocRec", "nroDocRec", "tipoCodAut" ("E" for a
+ * CAE, the default, "A" for a CAEA) and "codAut". The handle may be NULL. */
+int tarvo_invoicing_qr_url(tarvo_invoicing* handle, const char* voucher_json, char** url);
+
+/* Writes `text` (a QR address) as a PNG image: error correction M, 4 pixels a module. The handle
+ * may be NULL. */
 int tarvo_invoicing_qr_png(tarvo_invoicing* handle, const char* text, const char* png_path);
 
 /* The transfer log of the handle's last exchange with AFIP (it holds the live ticket). */

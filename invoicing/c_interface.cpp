@@ -58,8 +58,32 @@ int act(tarvo_invoicing* handle, char** output, Action action)
     return TARVO_INVOICING_INTERNAL;
 }
 
-int refuse_null(tarvo_invoicing* handle, const char* what)
+// An action that needs no handle; with one, its message is kept there.
+template <typename Action>
+int act_without_handle(tarvo_invoicing* handle, char** output, Action action)
 {
+    tarvo_invoicing scratch;
+    tarvo_invoicing& holder = handle != nullptr ? *handle : scratch;
+    if (output != nullptr)
+        *output = nullptr;
+    try {
+        const CoreResult result = action();
+        holder.message = result.message;
+        if (output != nullptr && result.output)
+            *output = copy_text(*result.output);
+        return result.status;
+    } catch (const std::bad_alloc&) {
+        holder.message = "out of memory";
+    } catch (const std::exception& error) {
+        holder.message = std::string("internal failure: ") + error.what();
+    }
+    return TARVO_INVOICING_INTERNAL;
+}
+
+int refuse_null(tarvo_invoicing* handle, const char* what, char** output = nullptr)
+{
+    if (output != nullptr)
+        *output = nullptr;
     if (handle != nullptr)
         handle->message = std::string(what) + " is NULL";
     return TARVO_INVOICING_BAD_INPUT;
@@ -110,14 +134,14 @@ const char* tarvo_invoicing_message(const tarvo_invoicing* handle)
 int tarvo_invoicing_authorise(tarvo_invoicing* handle, const char* voucher_json, char** outcome_json)
 {
     if (voucher_json == nullptr)
-        return refuse_null(handle, "the voucher");
+        return refuse_null(handle, "the voucher", outcome_json);
     return act(handle, outcome_json, [&](InvoicingSession& session) { return session.authorise(voucher_json); });
 }
 
 int tarvo_invoicing_authorise_batch(tarvo_invoicing* handle, const char* vouchers_json, char** outcomes_json)
 {
     if (vouchers_json == nullptr)
-        return refuse_null(handle, "the vouchers");
+        return refuse_null(handle, "the vouchers", outcomes_json);
     return act(handle, outcomes_json, [&](InvoicingSession& session) { return session.authorise_batch(vouchers_json); });
 }
 
@@ -130,7 +154,7 @@ int tarvo_invoicing_ledger_list(tarvo_invoicing* handle, const char* filter_json
 int tarvo_invoicing_ledger_show(tarvo_invoicing* handle, const char* sale_id, char** sale_json)
 {
     if (sale_id == nullptr)
-        return refuse_null(handle, "the sale id");
+        return refuse_null(handle, "the sale id", sale_json);
     return act(handle, sale_json, [&](InvoicingSession& session) { return session.ledger_show(sale_id); });
 }
 
@@ -138,7 +162,21 @@ int tarvo_invoicing_qr_png(tarvo_invoicing* handle, const char* text, const char
 {
     if (text == nullptr || png_path == nullptr)
         return refuse_null(handle, text == nullptr ? "the text" : "the path");
-    return act(handle, nullptr, [&](InvoicingSession& session) { return session.qr_png(text, png_path); });
+    return act_without_handle(handle, nullptr, [&] { return qr_png_file(text, png_path); });
+}
+
+int tarvo_invoicing_read_answer(tarvo_invoicing* handle, const char* answer_xml, char** outcome_json)
+{
+    if (answer_xml == nullptr)
+        return refuse_null(handle, "the answer", outcome_json);
+    return act_without_handle(handle, outcome_json, [&] { return read_answer_json(answer_xml); });
+}
+
+int tarvo_invoicing_qr_url(tarvo_invoicing* handle, const char* voucher_json, char** url)
+{
+    if (voucher_json == nullptr)
+        return refuse_null(handle, "the voucher", url);
+    return act_without_handle(handle, url, [&] { return qr_url_json(voucher_json); });
 }
 
 int tarvo_invoicing_transfer_log(tarvo_invoicing* handle, char** log)

@@ -2,7 +2,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <functional>
+#include <iterator>
 #include <map>
 
 #include "invoicing/authorisation.h"
@@ -319,10 +321,94 @@ CoreResult InvoicingSession::ledger_show(const std::string& sale_id)
     return {status::approved, "", dump(out)};
 }
 
-CoreResult InvoicingSession::qr_png(const std::string& text, const std::string& path)
+CoreResult qr_png_file(const std::string& text, const std::string& path)
 {
     std::string problem;
     if (!write_qr_png(text, path, problem))
         return {73, problem, std::nullopt};
     return {status::approved, "", std::nullopt};
+}
+
+CoreResult read_answer_json(const std::string& answer_xml)
+{
+    const std::optional<AuthorisationAnswer> answer = read_authorisation_answer(answer_xml);
+    if (!answer)
+        return {status::bad_input, "the text holds no FECAESolicitarResult", std::nullopt};
+    SaleOutcome outcome;
+    outcome.status = status::approved;
+    outcome.result = answer->result;
+    outcome.errors = answer->errors;
+    outcome.events = answer->events;
+    if (!answer->details.empty()) {
+        const DetailAnswer& detail = answer->details.front();
+        outcome.result = detail.result.empty() ? answer->result : detail.result;
+        outcome.number = detail.number;
+        outcome.date = detail.date;
+        outcome.cae = detail.cae;
+        outcome.cae_expiry = detail.cae_expiry;
+        outcome.observations = detail.observations;
+    }
+    if (outcome.result != "A")
+        outcome.status = status::rejected;
+    ordered_json out = outcome_json(outcome);
+    const std::optional<AnswerHeader> header = read_answer_header(answer_xml);
+    out["PtoVta"] = header ? header->point_of_sale : 0;
+    out["CbteTipo"] = header ? header->voucher_type : 0;
+    return {status::approved, "", dump(out)};
+}
+
+CoreResult qr_url_json(const std::string& voucher_json)
+{
+    const json given = json::parse(voucher_json, nullptr, false);
+    if (!given.is_object())
+        return {status::bad_input, "the voucher of a QR code must be a JSON object", std::nullopt};
+    // Each key: whether it is a whole number (else text), and whether it may be left out.
+    struct Key {
+        const char* name;
+        bool whole;
+        bool optional;
+    };
+    static const Key keys[] = {{"fecha", false, false},  {"cuit", true, false},     {"ptoVta", true, false},
+                               {"tipoCmp", true, false}, {"nroCmp", true, false},   {"importe", false, false},
+                               {"moneda", false, true},  {"ctz", false, true},      {"tipoDocRec", true, false},
+                               {"nroDocRec", true, false}, {"tipoCodAut", false, true}, {"codAut", false, false}};
+    for (const auto& [name, value] : given.items())
+        if (std::none_of(std::begin(keys), std::end(keys), [&](const Key& key) { return name == key.name; }))
+            return {status::bad_input, "unknown key '" + name + "' of a QR code", std::nullopt};
+    for (const Key& key : keys) {
+        const bool present = given.contains(key.name) && !given[key.name].is_null();
+        const bool fits = !present || (key.whole ? given[key.name].is_number_unsigned()
+                                                 : given[key.name].is_string() || given[key.name].is_number());
+        if ((!present && !key.optional) || !fits)
+            return {status::bad_input,
+                    std::string("QR key ") + key.name + (key.whole ? " must be a whole number" : " must be given"),
+                    std::nullopt};
+    }
+    const auto text = [&](const char* name, const std::string& fallback) {
+        if (!given.contains(name) || given[name].is_null())
+            return fallback;
+        return given[name].is_string() ? given[name].get<std::string>() : given[name].dump();
+    };
+    std::string date = text("fecha", "");
+    date.erase(std::remove(date.begin(), date.end(), '-'), date.end());
+    const std::optional<Money> total = Money::parse(text("importe", ""));
+    const std::string kind = text("tipoCodAut", "E");
+    const std::string rate = text("ctz", "1");
+    if (date.size() != 8 || date.find_first_not_of("0123456789") != std::string::npos || !total ||
+        (kind != "E" && kind != "A") || !Money::parse(rate))
+        return {status::bad_input, "QR keys fecha, importe, ctz or tipoCodAut are not a date, amounts and E or A",
+                std::nullopt};
+    QrVoucher voucher{date,
+                      given["cuit"].get<std::int64_t>(),
+                      given["ptoVta"].get<int>(),
+                      given["tipoCmp"].get<int>(),
+                      given["nroCmp"].get<std::int64_t>(),
+                      *total,
+                      text("moneda", "PES"),
+                      decimal_text(std::stod(rate)),
+                      given["tipoDocRec"].get<int>(),
+                      given["nroDocRec"].get<std::int64_t>(),
+                      text("codAut", ""),
+                      kind == "A"};
+    return {status::approved, "", qr_url(voucher)};
 }

@@ -30,7 +30,6 @@ public:
     CoreResult authorise_batch(const std::string& vouchers_json);
     CoreResult ledger_list(const std::string& filter_json);
     CoreResult ledger_show(const std::string& sale_id);
-    CoreResult qr_png(const std::string& text, const std::string& path);
     const std::string& transfer_log() const;
 
 private:
@@ -43,6 +42,11 @@ private:
     std::unique_ptr<LibraryChannel> m_channel;
     std::unique_ptr<Ledger> m_ledger;
 };
+
+// What needs no handle: reading an answer a host got itself, and the QR code.
+CoreResult read_answer_json(const std::string& answer_xml);
+CoreResult qr_url_json(const std::string& voucher_json);
+CoreResult qr_png_file(const std::string& text, const std::string& path);
 
 class SettingsError : public std::runtime_error {
 public:

@@ -73,6 +73,17 @@ std::optional<AuthorisationAnswer> read_authorisation_answer(const std::string& 
     return answer;
 }
 
+std::optional<AnswerHeader> read_answer_header(const std::string& xml)
+{
+    pugi::xml_document document;
+    const auto result = operation_result(document, xml, "FECAESolicitarResult");
+    if (!result)
+        return std::nullopt;
+    const pugi::xml_node header = child_by_local_name(*result, "FeCabResp");
+    return AnswerHeader{child_by_local_name(header, "PtoVta").text().as_int(),
+                        child_by_local_name(header, "CbteTipo").text().as_int()};
+}
+
 std::optional<LastAuthorised> read_last_authorised(const std::string& xml)
 {
     pugi::xml_document document;

@@ -38,6 +38,13 @@ struct AuthorisationAnswer {
 // nullopt when the text holds no FECAESolicitarResult: not XML, a SOAP fault, another answer.
 std::optional<AuthorisationAnswer> read_authorisation_answer(const std::string& xml);
 
+// FeCabResp's point of sale and type.
+struct AnswerHeader {
+    int point_of_sale = 0;
+    int voucher_type = 0;
+};
+std::optional<AnswerHeader> read_answer_header(const std::string& xml);
+
 struct LastAuthorised {
     std::optional<std::int64_t> number;
     ServiceMessages errors;
