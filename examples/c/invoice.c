@@ -1,19 +1,23 @@
 /*
- * invoice: authorises the next Factura B of the samples and prints its number, CAE and QR address.
+ * invoice: authorises the sample Factura B through the invoicing core and prints its number, CAE
+ * and QR address.
  *
  * Usage: invoice [WSAA_URL [CERTIFICATE [PASSWORD [SERVICE [SERVICE_URL [SAMPLES]]]]]]
  * Settings left off come from TARVO_WSAA_URL, TARVO_CERTIFICATE, TARVO_PASSWORD, TARVO_SERVICE,
- * TARVO_SERVICE_URL and TARVO_SAMPLES (default /usr/share/tarvoafip/samples).
- * The exit status is 0 approved, 20 rejected, 66 a sample unreadable, or the library's result code.
+ * TARVO_SERVICE_URL and TARVO_SAMPLES (default /usr/share/tarvoafip/samples). TARVO_SALE_ID names
+ * the sale: run again with the same one, the sale is not authorised twice.
+ * The exit status is the core's result code: 0 approved, 20 rejected, 21 outcome unknown, ...
  *
- * A real host reads the answers with an XML parser and, when an answer is lost (result 14 or 15),
- * asks FECompConsultar before sending again: tarvoafip_cli invoice does all of that.
+ * The core numbers the voucher, keeps it in ledger.sqlite (in the working directory) before
+ * sending it, and recovers a lost answer; the host only reads the outcome.
  */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
+#include <unistd.h>
 
-#include "tarvoafipdriver.h"
+#include "tarvoafipinvoicing.h"
 
 static const char* setting(int argc, char** argv, int position, const char* variable, const char* fallback)
 {
@@ -22,7 +26,7 @@ static const char* setting(int argc, char** argv, int position, const char* vari
 }
 
 /* The whole file as a NUL-terminated string, or NULL. */
-static char* read_sample(const char* directory, const char* name)
+static char* read_file(const char* directory, const char* name)
 {
     char path[4096];
     FILE* file;
@@ -46,151 +50,95 @@ static char* read_sample(const char* directory, const char* name)
     return text;
 }
 
-/* Sends one request with its SOAPAction; the answer (to be freed) or NULL with *result set. */
-static char* send(const char* operation, const char* request, int32_t* result)
+/* The value of a key of the outcome's top level, copied without quotes. Enough for the outcome's
+   plain numbers and texts; a real host uses a JSON parser. */
+static const char* field(const char* json, const char* key, char* value, size_t capacity)
 {
-    char header[256];
-    uint32_t size = 0;
-    char* answer;
-
-    snprintf(header, sizeof header, "SOAPAction: \"http://ar.gov.afip.dif.FEV1/%s\"", operation);
-    AddSOAPHeader(header);
-    *result = SendSOAP(request);
-    if (*result != AFIP_OK || (*result = ReceivedSOAP(NULL, 0, &size)) != AFIP_OK)
-        return NULL;
-    answer = calloc((size_t)size + 1, 1);
-    if (answer != NULL && size > 0 && (*result = ReceivedSOAP(answer, size, &size)) != AFIP_OK) {
-        free(answer);
-        return NULL;
-    }
-    return answer;
-}
-
-/* The text of the first element whose name ends in `name` (any prefix), copied into `value`. */
-static int element_text(const char* xml, const char* name, char* value, size_t capacity)
-{
-    char open[64];
+    char pattern[64];
     const char* start;
-    const char* end;
+    size_t length;
 
-    snprintf(open, sizeof open, "%s>", name);
-    for (start = strstr(xml, open); start != NULL; start = strstr(start + 1, open)) {
-        if (start[-1] == '<' || start[-1] == ':')
-            break;
-    }
+    snprintf(pattern, sizeof pattern, "\"%s\":", key);
+    start = strstr(json, pattern);
+    value[0] = '\0';
     if (start == NULL)
-        return 0;
-    start += strlen(open);
-    end = strchr(start, '<');
-    if (end == NULL || (size_t)(end - start) >= capacity)
-        return 0;
-    memcpy(value, start, (size_t)(end - start));
-    value[end - start] = '\0';
-    return 1;
+        return value;
+    start += strlen(pattern);
+    if (*start == '"')
+        ++start;
+    length = strcspn(start, "\",}");
+    if (length >= capacity)
+        length = capacity - 1;
+    memcpy(value, start, length);
+    value[length] = '\0';
+    return value;
 }
 
-/* The sample with its number 1 in CbteDesde and CbteHasta replaced by `number`. */
-static char* numbered(const char* sample, long long number)
+/* Writes a JSON text for `value` (the settings' and sale id's plain texts need no escapes but these). */
+static void put_text(char* out, size_t capacity, const char* key, const char* value, int last)
 {
-    char* request = malloc(strlen(sample) + 64);
-    const char* fields[] = {">1</ar:CbteDesde>", ">1</ar:CbteHasta>"};
-    const char* from = sample;
-    char* to = request;
-    size_t i;
+    size_t used = strlen(out);
+    const char* c;
 
-    if (request == NULL)
-        return NULL;
-    for (i = 0; i < 2; ++i) {
-        const char* found = strstr(from, fields[i]);
-        if (found == NULL)
-            break;
-        memcpy(to, from, (size_t)(found - from));
-        to += found - from;
-        to += sprintf(to, ">%lld%s", number, fields[i] + 2);
-        from = found + strlen(fields[i]);
+    used += (size_t)snprintf(out + used, capacity - used, "\"%s\":\"", key);
+    for (c = value; *c != '\0' && used + 3 < capacity; ++c) {
+        if (*c == '"' || *c == '\\')
+            out[used++] = '\\';
+        out[used++] = *c;
     }
-    strcpy(to, from);
-    return request;
-}
-
-static void base64(const char* data, char* encoded)
-{
-    static const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    size_t length = strlen(data);
-    size_t at;
-
-    for (at = 0; at < length; at += 3) {
-        unsigned long group = (unsigned long)(unsigned char)data[at] << 16;
-        if (at + 1 < length)
-            group |= (unsigned long)(unsigned char)data[at + 1] << 8;
-        if (at + 2 < length)
-            group |= (unsigned char)data[at + 2];
-        *encoded++ = alphabet[group >> 18 & 63];
-        *encoded++ = alphabet[group >> 12 & 63];
-        *encoded++ = at + 1 < length ? alphabet[group >> 6 & 63] : '=';
-        *encoded++ = at + 2 < length ? alphabet[group & 63] : '=';
-    }
-    *encoded = '\0';
+    snprintf(out + used, capacity - used, "\"%s", last ? "" : ",");
 }
 
 int main(int argc, char** argv)
 {
     const char* samples = setting(argc, argv, 6, "TARVO_SAMPLES", "/usr/share/tarvoafip/samples");
-    char* last_request = read_sample(samples, "fe_comp_ultimo_autorizado.xml");
-    char* sample = read_sample(samples, "fe_cae_solicitar.xml");
-    char* answer;
+    char* voucher = read_file(samples, "factura_b.json");
+    char settings[8192] = "{\"cuit\":20111111112,";
+    char made_id[64];
+    const char* sale_id = getenv("TARVO_SALE_ID");
     char* request;
-    char text[64], outcome[8] = "", cae[32] = "", due[16] = "", date[16] = "";
-    char payload[512], encoded[1024];
-    long long number;
-    int32_t result;
+    char* outcome = NULL;
+    char number[32], cae[32], due[16], qr[1024];
+    tarvo_invoicing* core = NULL;
+    int status;
 
-    if (last_request == NULL || sample == NULL) {
-        fprintf(stderr, "invoice: cannot read the samples in %s\n", samples);
+    if (voucher == NULL || strchr(voucher, '{') == NULL) {
+        fprintf(stderr, "invoice: cannot read %s/factura_b.json\n", samples);
         return 66;
     }
-    SetWSAA(setting(argc, argv, 1, "TARVO_WSAA_URL", ""));
-    SetWSAACredentials(setting(argc, argv, 2, "TARVO_CERTIFICATE", ""), setting(argc, argv, 3, "TARVO_PASSWORD", ""));
-    SetWSAAService(setting(argc, argv, 4, "TARVO_SERVICE", ""));
-    SetWSUrl(setting(argc, argv, 5, "TARVO_SERVICE_URL", ""));
+    put_text(settings, sizeof settings, "wsaa_url", setting(argc, argv, 1, "TARVO_WSAA_URL", ""), 0);
+    put_text(settings, sizeof settings, "certificate", setting(argc, argv, 2, "TARVO_CERTIFICATE", ""), 0);
+    put_text(settings, sizeof settings, "password", setting(argc, argv, 3, "TARVO_PASSWORD", ""), 0);
+    put_text(settings, sizeof settings, "service", setting(argc, argv, 4, "TARVO_SERVICE", "wsfe"), 0);
+    put_text(settings, sizeof settings, "url", setting(argc, argv, 5, "TARVO_SERVICE_URL", ""), 1);
+    strcat(settings, "}");
 
-    answer = send("FECompUltimoAutorizado", last_request, &result);
-    if (answer == NULL || !element_text(answer, "CbteNro", text, sizeof text) || strstr(answer, "Errors>") != NULL) {
-        fprintf(stderr, "invoice: FECompUltimoAutorizado gave no number (result %d)\n", (int)result);
-        free(answer);
-        return result != AFIP_OK ? result : 20;
+    /* The sale's name: the host's own (a till and ticket number); here one per run unless given. */
+    snprintf(made_id, sizeof made_id, "example-%ld-%ld", (long)time(NULL), (long)getpid());
+    if (sale_id == NULL || *sale_id == '\0')
+        sale_id = made_id;
+    request = malloc(strlen(voucher) + 128);
+    if (request == NULL)
+        return 70;
+    *request = '\0';
+    put_text(request, 128, "sale_id", sale_id, 0);
+    memmove(request + 1, request, strlen(request) + 1);
+    request[0] = '{';
+    strcat(request, strchr(voucher, '{') + 1);
+
+    status = tarvo_invoicing_open(settings, &core);
+    if (status == TARVO_INVOICING_OK)
+        status = tarvo_invoicing_authorise(core, request, &outcome);
+    if (status != TARVO_INVOICING_OK) {
+        fprintf(stderr, "invoice: result %d: %s\n", status, tarvo_invoicing_message(core));
+    } else {
+        printf("CbteNro %s\n", field(outcome, "CbteNro", number, sizeof number));
+        printf("CAE %s due %s\n", field(outcome, "CAE", cae, sizeof cae), field(outcome, "CAEFchVto", due, sizeof due));
+        printf("QR %s\n", field(outcome, "qr_url", qr, sizeof qr));
     }
-    number = atoll(text) + 1;
-    free(answer);
-
-    request = numbered(sample, number);
-    answer = request != NULL ? send("FECAESolicitar", request, &result) : NULL;
+    tarvo_invoicing_free(outcome);
+    tarvo_invoicing_close(core);
     free(request);
-    if (answer == NULL) {
-        fprintf(stderr, "invoice: FECAESolicitar failed with result %d\n", (int)result);
-        return result;
-    }
-    element_text(answer, "Resultado", outcome, sizeof outcome);
-    element_text(answer, "CAE", cae, sizeof cae);
-    element_text(answer, "CAEFchVto", due, sizeof due);
-    element_text(answer, "CbteFch", date, sizeof date);
-    free(answer);
-    free(last_request);
-    free(sample);
-    if (strcmp(outcome, "A") != 0 || strlen(date) != 8) {
-        fprintf(stderr, "invoice: AFIP did not approve the voucher (Resultado %s)\n", outcome);
-        return 20;
-    }
-
-    printf("CbteNro %lld\nCAE %s due %s\n", number, cae, due);
-    /* The sample's voucher: CUIT 20111111112, point of sale 1, Factura B (6), 121.00 pesos to a final
-       consumer (DocTipo 99, DocNro 0). */
-    snprintf(payload, sizeof payload,
-             "{\"ver\":1,\"fecha\":\"%.4s-%.2s-%.2s\",\"cuit\":20111111112,\"ptoVta\":1,\"tipoCmp\":6,\"nroCmp\":%lld,"
-             "\"importe\":121.00,\"moneda\":\"PES\",\"ctz\":1,\"tipoDocRec\":99,\"nroDocRec\":0,\"tipoCodAut\":\"E\","
-             "\"codAut\":%s}",
-             date, date + 4, date + 6, number, cae);
-    base64(payload, encoded);
-    printf("QR https://www.afip.gob.ar/fe/qr/?p=%s\n", encoded);
-    return 0;
+    free(voucher);
+    return status;
 }

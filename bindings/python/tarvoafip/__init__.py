@@ -88,6 +88,10 @@ def _bytes(text):
     return text if isinstance(text, bytes) else text.encode("utf-8")
 
 
+def _text(value):
+    return value.decode("utf-8") if isinstance(value, bytes) else value
+
+
 class Driver:
     """The loaded library; each method is one of its functions. Text may be str (sent as UTF-8) or bytes."""
 
@@ -99,6 +103,7 @@ class Driver:
         if ca_file:
             os.environ["TARVO_CA_FILE"] = os.fspath(ca_file)
         self.library = ctypes.CDLL(_library_path(library))
+        self._settings = {}
         for name, (arguments, result) in _SIGNATURES.items():
             function = getattr(self.library, name)
             function.argtypes = arguments
@@ -109,27 +114,38 @@ class Driver:
         self.library.GetAFIPVersion(text)
         return text.value.decode("ascii")
 
+    def settings(self):
+        """What the setters were given, as the invoicing core's settings name them."""
+        return dict(self._settings)
+
     def set_wsaa(self, url):
         self.library.SetWSAA(_bytes(url))
+        self._settings["wsaa_url"] = _text(url)
 
     def set_credentials(self, certificate_path, password):
         self.library.SetWSAACredentials(_bytes(certificate_path), _bytes(password))
+        self._settings.update(certificate=_text(os.fspath(certificate_path)), password=_text(password))
 
     def set_service(self, service):
         self.library.SetWSAAService(_bytes(service))
+        self._settings["service"] = _text(service)
 
     def set_service_url(self, url):
         self.library.SetWSUrl(_bytes(url))
+        self._settings["url"] = _text(url)
 
     def set_security(self, level):
         """1 TLS 1.0, 2 TLS 1.1, 3 TLS 1.2, 4 TLS 1.3; anything else: the default."""
         self.library.SetSecurity(level)
+        self._settings["tls_level"] = level if 1 <= level <= 4 else 0
 
     def set_proxy(self, url, user="", password=""):
         self.library.SetWebProxy(_bytes(url), _bytes(user), _bytes(password))
+        self._settings.update(proxy=_text(url), proxy_user=_text(user), proxy_password=_text(password))
 
     def set_timeout(self, milliseconds):
         self.library.SetTimeOut(milliseconds)
+        self._settings["timeout_ms"] = milliseconds
 
     def add_header(self, line):
         """Queues one "Name: value" line for the next send_soap."""
