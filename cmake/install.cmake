@@ -1,45 +1,58 @@
 # Install rules and Debian packages: the runtime library, the development files and the programs.
 include(CMakePackageConfigHelpers)
 
-set(TARVO_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/tarvoafipdriver)
+# One library's files: the shared library (runtime component), and its header, link, CMake
+# package and pkg-config file (development component).
+function(tarvo_install_library name runtime development)
+  set(cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/${name})
+  install(TARGETS ${name} EXPORT ${name}Targets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${runtime} NAMELINK_COMPONENT ${development}
+    PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT ${development})
+  install(EXPORT ${name}Targets NAMESPACE ${name}:: DESTINATION ${cmake_dir} COMPONENT ${development})
+  set(TARVO_PACKAGE_NAME ${name})
+  configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/packageConfig.cmake.in
+    ${CMAKE_CURRENT_BINARY_DIR}/${name}Config.cmake INSTALL_DESTINATION ${cmake_dir})
+  write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/${name}ConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}Config.cmake ${CMAKE_CURRENT_BINARY_DIR}/${name}ConfigVersion.cmake
+    DESTINATION ${cmake_dir} COMPONENT ${development})
 
-install(TARGETS tarvoafipdriver EXPORT tarvoafipdriverTargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
-  PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
-install(EXPORT tarvoafipdriverTargets NAMESPACE tarvoafipdriver:: DESTINATION ${TARVO_CMAKE_DIR}
-  COMPONENT development)
-configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/tarvoafipdriverConfig.cmake.in
-  ${CMAKE_CURRENT_BINARY_DIR}/tarvoafipdriverConfig.cmake INSTALL_DESTINATION ${TARVO_CMAKE_DIR})
-write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/tarvoafipdriverConfigVersion.cmake
-  COMPATIBILITY SameMajorVersion)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tarvoafipdriverConfig.cmake
-  ${CMAKE_CURRENT_BINARY_DIR}/tarvoafipdriverConfigVersion.cmake DESTINATION ${TARVO_CMAKE_DIR} COMPONENT development)
-
-# The pkg-config file is finished at install time, when the prefix is known (cmake --install
-# --prefix may name one the configuration never saw). Under /usr, the distribution's place, it
-# names /usr itself, so that pkg-config leaves the system directories out of the flags; anywhere
-# else it finds the prefix from its own location, so the whole tree may move later.
-set(TARVO_PC_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
-set(TARVO_PC_PREFIX @TARVO_PC_PREFIX@)
-configure_file(${CMAKE_CURRENT_LIST_DIR}/tarvoafipdriver.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tarvoafipdriver.pc.in @ONLY)
-if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}" OR IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
-  set(tarvo_pc_relative_prefix "")
-else()
-  file(RELATIVE_PATH tarvo_pc_relative_prefix /prefix/${TARVO_PC_DIR} /prefix)
-  string(REGEX REPLACE "/$" "" tarvo_pc_relative_prefix "${tarvo_pc_relative_prefix}")
-endif()
-install(CODE "
-  set(TARVO_PC_PREFIX \"\${CMAKE_INSTALL_PREFIX}\")
-  if(NOT TARVO_PC_PREFIX STREQUAL \"/usr\" AND NOT \"${tarvo_pc_relative_prefix}\" STREQUAL \"\")
-    set(TARVO_PC_PREFIX \"\\\${pcfiledir}/${tarvo_pc_relative_prefix}\")
+  # The pkg-config file is finished at install time, when the prefix is known (cmake --install
+  # --prefix may name one the configuration never saw). Under /usr, the distribution's place, it
+  # names /usr itself, so that pkg-config leaves the system directories out of the flags; anywhere
+  # else it finds the prefix from its own location, so the whole tree may move later.
+  set(pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+  set(TARVO_PC_PREFIX @TARVO_PC_PREFIX@)
+  set(TARVO_PC_NAME ${name})
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/${name}.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc.in @ONLY)
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}" OR IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
+    set(relative_prefix "")
+  else()
+    file(RELATIVE_PATH relative_prefix /prefix/${pc_dir} /prefix)
+    string(REGEX REPLACE "/$" "" relative_prefix "${relative_prefix}")
   endif()
-  configure_file(\"${CMAKE_CURRENT_BINARY_DIR}/tarvoafipdriver.pc.in\" \"${CMAKE_CURRENT_BINARY_DIR}/tarvoafipdriver.pc\" @ONLY)
-  " COMPONENT development)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tarvoafipdriver.pc DESTINATION ${TARVO_PC_DIR} COMPONENT development)
+  install(CODE "
+    set(TARVO_PC_PREFIX \"\${CMAKE_INSTALL_PREFIX}\")
+    if(NOT TARVO_PC_PREFIX STREQUAL \"/usr\" AND NOT \"${relative_prefix}\" STREQUAL \"\")
+      set(TARVO_PC_PREFIX \"\\\${pcfiledir}/${relative_prefix}\")
+    endif()
+    configure_file(\"${CMAKE_CURRENT_BINARY_DIR}/${name}.pc.in\" \"${CMAKE_CURRENT_BINARY_DIR}/${name}.pc\" @ONLY)
+    " COMPONENT ${development})
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc DESTINATION ${pc_dir} COMPONENT ${development})
+endfunction()
+
+tarvo_install_library(tarvoafipdriver runtime development)
+if(TARGET tarvoafipinvoicing)
+  tarvo_install_library(tarvoafipinvoicing invoicing_runtime invoicing_development)
+endif()
 
 # Debian wants every package to carry the copyright and a compressed changelog in its doc folder.
 set(tarvo_components runtime development)
 set(tarvo_package_names libtarvoafipdriver1 libtarvoafipdriver-dev)
+if(TARGET tarvoafipinvoicing)
+  list(APPEND tarvo_components invoicing_runtime invoicing_development)
+  list(APPEND tarvo_package_names libtarvoafipinvoicing1 libtarvoafipinvoicing-dev)
+endif()
 if(TARVO_BUILD_TOOLS)
   list(APPEND tarvo_components tools)
   list(APPEND tarvo_package_names tarvoafip-tools)
@@ -92,20 +105,33 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libtarvoafipdriver1 (= ${PROJECT_V
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "client library for AFIP's SOAP web services (development files)
 The C header, the pkg-config file and the CMake package for building hosts
 against libtarvoafipdriver.")
+set(CPACK_DEBIAN_INVOICING_RUNTIME_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/triggers)
+set(CPACK_DEBIAN_INVOICING_RUNTIME_DESCRIPTION "invoicing core for AFIP's electronic vouchers
+The shared library that point-of-sale and invoicing programs call, through a
+small C interface with JSON in and out, to authorise AFIP vouchers at most once
+per sale: it keeps every sale in a SQLite ledger, recovers lost answers, sends
+batches, and makes AFIP's QR code.")
+set(CPACK_DEBIAN_INVOICING_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_INVOICING_DEVELOPMENT_PACKAGE_DEPENDS "libtarvoafipinvoicing1 (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_INVOICING_DEVELOPMENT_DESCRIPTION "invoicing core for AFIP's electronic vouchers (development files)
+The C header, the pkg-config file and the CMake package for building hosts
+against libtarvoafipinvoicing.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libtarvoafipdriver1 (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "AFIP simulator and command-line host for libtarvoafipdriver
 afip_simulator stands in for AFIP's WSAA and WSFEv1 services on loopback;
-tarvoafip_cli sends one SOAP request through the library, or authorises one
-invoice given as JSON, recovers a lost answer and makes AFIP's QR code.")
+tarvoafip_cli sends one SOAP request through the library, or authorises
+vouchers given as JSON through the invoicing core, at most once per sale, and
+lists the ledger of what was sold.")
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
-set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3, libtarvoafipdriver1 (>= ${PROJECT_VERSION})")
-set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS "python3-qrcode")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+  "python3, libtarvoafipdriver1 (>= ${PROJECT_VERSION}), libtarvoafipinvoicing1 (>= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_PYTHON_DESCRIPTION "client library for AFIP's SOAP web services (Python 3)
 The module tarvoafip calls libtarvoafipdriver through ctypes;
-tarvoafip.invoicing authorises an invoice at most once, recovers a lost
-answer, reads FECAESolicitar's answer and makes AFIP's QR code.")
+tarvoafip.invoicing calls the invoicing core libtarvoafipinvoicing, which
+authorises vouchers at most once per sale with a ledger, recovers a lost answer,
+sends batches and makes AFIP's QR code.")
 set(CPACK_DEBIAN_JAVA_PACKAGE_SECTION java)
 set(CPACK_DEBIAN_JAVA_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_JAVA_PACKAGE_DEPENDS

@@ -104,7 +104,7 @@ in_root sh -c '
   # Each invoice example authorises the next Factura B of the installed samples: numbers 1, 2, ...
   wsaa="https://127.0.0.1:$port/ws/services/LoginCms"
   wsfe="https://127.0.0.1:$port/wsfev1/service.asmx"
-  cc -std=c99 -Wall -o invoice-c invoice.c $(pkg-config --cflags --libs tarvoafipdriver)
+  cc -std=c99 -Wall -o invoice-c invoice.c $(pkg-config --cflags --libs tarvoafipinvoicing)
   fpc -v0 -oinvoice-pascal invoice.pas >/dev/null
   set -- "./invoice-c" "python3 invoice.py" "./invoice-pascal"
   if [ -f /usr/share/java/tarvoafip.jar ]; then
@@ -120,11 +120,16 @@ in_root sh -c '
     grep -q "^QR https://www.afip.gob.ar/fe/qr/?p=" invoice-answer
     echo "$example: voucher $number, $(grep "^CAE" invoice-answer)"
   done
-  tarvoafip_cli invoice --wsaa-url "$wsaa" --certificate host.p12 --password pw --service wsfe --url "$wsfe" \
-    --cuit 20111111112 --invoice /usr/share/tarvoafip/samples/factura_b.json --qr-png qr.png >invoice-answer
-  grep -q "\"Resultado\":\"A\",\"PtoVta\":1,\"CbteTipo\":6,\"CbteNro\":$((number + 1))," invoice-answer
+  for run in first again; do
+    tarvoafip_cli invoice --wsaa-url "$wsaa" --certificate host.p12 --password pw --service wsfe --url "$wsfe" \
+      --cuit 20111111112 --invoice /usr/share/tarvoafip/samples/factura_b.json --sale-id till-1/1 --qr-png qr.png \
+      >invoice-answer
+    grep -q "\"Resultado\":\"A\",\"PtoVta\":1,\"CbteTipo\":6,\"CbteNro\":$((number + 1))," invoice-answer
+  done
+  grep -q "\"from_ledger\":true" invoice-answer
   [ -s qr.png ]
-  echo "tarvoafip_cli invoice: voucher $((number + 1)) and its QR image"
+  tarvoafip_cli ledger list --format csv | grep -q "^till-1/1,approved,1,6,$((number + 1)),"
+  echo "tarvoafip_cli invoice: voucher $((number + 1)) once for a sale run twice, its QR image, the ledger"
   kill $simulator
 '
 log "the $arch packages install, build a host, invoice and run on a clean system"
