@@ -5,11 +5,16 @@
 
 #include <cstdio>
 #include <functional>
+#include <map>
 #include <regex>
+#include <sstream>
 
 #include "invoicing/receipt/pdf_canvas.h"
+#include "invoicing/afip_codes.h"
 #include "invoicing/receipt/receipt.h"
+#include "invoicing/receipt/receipt_text.h"
 #include "support/support.h"
+#include "tools/simulator/parameters.h"
 #include "util/b64.h"
 
 namespace {
@@ -36,12 +41,15 @@ std::string collapsed(const std::string& text) { return std::regex_replace(text,
 struct Printout {
     std::string text, qr_data, qr_functions, images, problem;
     int resets = 0;
+    size_t widest = 0, widest_large = 0; // the longest lines, in characters
 };
 
 Printout print(const std::string& bytes)
 {
     Printout out;
     const auto byte = [&](size_t i) { return i < bytes.size() ? static_cast<unsigned char>(bytes[i]) : 0u; };
+    bool large = false;
+    size_t line_start = 0;
     for (size_t i = 0; i < bytes.size() && out.problem.empty();) {
         const unsigned char command = byte(i + 1);
         if (byte(i) == 0x1B && command == '@') {
@@ -50,6 +58,7 @@ Printout print(const std::string& bytes)
         } else if (byte(i) == 0x1B && (command == 't' || command == 'E' || command == 'a')) {
             i += 3;
         } else if (byte(i) == 0x1D && command == '!') {
+            large = byte(i + 2) == 0x11;
             i += 3;
         } else if (byte(i) == 0x1D && command == 'V' && byte(i + 2) == 66) {
             i += 4;
@@ -62,11 +71,18 @@ Printout print(const std::string& bytes)
             i += 5 + length;
         } else if (byte(i) == 0x1D && command == 'v' && byte(i + 2) == '0') {
             const size_t row_bytes = byte(i + 4) | byte(i + 5) << 8, rows = byte(i + 6) | byte(i + 7) << 8;
-            out.images += std::to_string(row_bytes * 8) + "x" + std::to_string(rows) + " ";
+            char first_row[16];
+            std::snprintf(first_row, sizeof first_row, " %02x..%02x ", byte(i + 8), byte(i + 7 + row_bytes));
+            out.images += std::to_string(row_bytes * 8) + "x" + std::to_string(rows) + first_row;
             i += 8 + row_bytes * rows;
         } else if (byte(i) == 0x1B || byte(i) == 0x1D) {
             out.problem = "unknown command at byte " + std::to_string(i);
         } else {
+            if (bytes[i] == '\n') {
+                size_t& widest = large ? out.widest_large : out.widest;
+                widest = std::max(widest, out.text.size() - line_start);
+                line_start = out.text.size() + 1;
+            }
             out.text += bytes[i++];
         }
     }
@@ -144,14 +160,14 @@ const Case cases[] = {
          r.amounts = {cents(158700), Money(), cents(130000), Money(), cents(24150), cents(4550)};
          r.vat_lines = {{5, cents(100000), cents(21000)}, {4, cents(30000), cents(3150)}};
          r.other_taxes = {{7, "Percepción IIBB Buenos Aires", cents(130000), 3.5, cents(4550)}};
-         r.items = {{"Pan de campo", 2, cents(25000), 5}, {"Facturas (docena)", 3, cents(16666), 5},
-                    {"Harina 000", 1, cents(30000), 4}, {"Redondeo", 1, cents(2), 5}};
+         r.items = {{"Pan de campo", 2, cents(25000), 5}, {"Facturas (docena)", 3, cents(16667), 5},
+                    {"Harina 000", 1, cents(30000), 4}, {"Redondeo", 1, cents(-1), 5}};
      },
      {"A COD. 001", "FACTURA", "Punto de Venta: 00001 Comp. Nro: 00000042", "Fecha de Emisión: 02/01/2025",
       "Panadería La Señora S.R.L.", "Domicilio Comercial: Av. Corrientes 1234, 2° \"B\"", "CUIT: 20111111112",
       "Ingresos Brutos: 901-123456-7", "Fecha de Inicio de Actividades: 01/03/2020", "CUIT: 30712345671",
       "Apellido y Nombre / Razón Social: Compañía Ñandú S.A.", "Domicilio: Calle Falsa 123, Córdoba",
-      "Condición frente al IVA: IVA Responsable Inscripto", "Facturas (docena)", "3,00", "166,66", "499,98", "10,5%",
+      "Condición frente al IVA: IVA Responsable Inscripto", "Facturas (docena)", "3,00", "166,67", "500,01", "-0,01", "10,5%",
       "Importe Neto Gravado: $ 1.300,00", "IVA 21%: $ 210,00", "IVA 10,5%: $ 31,50", "Percepción IIBB Buenos Aires",
       "3,5%", "45,50", "Importe Otros Tributos: $ 45,50", "Importe Total: $ 1.587,00", "CAE N°: 75123456789012",
       "Fecha de Vto. de CAE: 12/01/2025", "Gracias por su compra. Defensa del Consumidor: 0800-666-1518"},
@@ -184,8 +200,12 @@ const Case cases[] = {
       "Fecha de Vto. para el pago: 10/01/2025", "Servicios", "Importe Total: $ 1.234.567,89"},
      {"Ley 27.743", "DNI"}},
     {"a CAEA voucher",
-     [](Receipt& r) { r.authorisation = {AuthorisationKind::caea, "31234567890123", "", "20250101", "20250115"}; },
-     {"CAEA N°: 31234567890123", "Vigencia del CAEA: 01/01/2025 al 15/01/2025"},
+     [](Receipt& r) {
+         r.authorisation = {AuthorisationKind::caea, "31234567890123", "", "20240216", "20240229"};
+         r.point_of_sale = 99998;
+         r.number = 99999999;
+     },
+     {"CAEA N°: 31234567890123", "Vigencia del CAEA: 16/02/2024 al 29/02/2024", "Punto de Venta: 99998 Comp. Nro: 99999999"},
      {"Fecha de Vto. de CAE", "CAE N°"}},
     {"a credit note in dollars for an invoice",
      [](Receipt& r) {
@@ -242,8 +262,22 @@ TEST(Receipt, PdfsEmbedTheirFontsAndA4sQrScansAt300Dpi)
     Receipt receipt = factura_b();
     receipt.qr_address = qr_address(receipt);
     EXPECT_EQ(read_back(render_receipt(receipt, ReceiptFormat::pdf_a4), ReceiptFormat::pdf_a4, 300).qr, receipt.qr_address);
+    // Boxes are outlined or lightly shaded: at 20 dpi the page stays mostly white.
+    run("pdftoppm -gray -r 20 -singlefile voucher.pdf ink");
+    std::istringstream image(read_file("ink.pgm"));
+    std::string magic;
+    size_t width = 0, height = 0, maximum = 0;
+    image >> magic >> width >> height >> maximum;
+    image.get();
+    size_t dark = 0;
+    for (size_t pixel = 0; pixel < width * height; ++pixel)
+        dark += image.get() < 128 ? 1 : 0;
+    EXPECT_LT(dark, width * height / 7) << magic << " " << width << "x" << height;
     for (const ReceiptFormat format : {ReceiptFormat::pdf_a4, ReceiptFormat::pdf_80mm}) {
         write_file("fonts.pdf", render_receipt(receipt, format));
+        // Titled, and dated with the voucher's date so that the same voucher gives the same bytes.
+        EXPECT_TRUE(std::regex_search(run("pdfinfo fonts.pdf"),
+                                      std::regex("Title: +FACTURA B 00001-00000042\n(.*\n)*CreationDate: +\\w+ Jan +2 00:00:00 2025")));
         // pdffonts: name (after a subset tag), type, encoding, embedded, subset, Unicode map, object id.
         const std::string listing = run("pdffonts fonts.pdf");
         const std::regex row("\n[A-Z]{6}\\+(\\S+) .* (yes|no) +(yes|no) +(yes|no) +\\d+ +\\d+");
@@ -261,6 +295,8 @@ TEST(Receipt, EscPosPrintsCodePage850AndTheQrByGsParenK)
     Receipt receipt = factura_b();
     receipt.voucher_type = 8; // NOTA DE CRÉDITO B
     receipt.receiver.name = "Ñandú \x1b@ Pérez";
+    const std::string reference = "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789abcdefghijklmnopqrstuvwxyz"; // wider than a line
+    receipt.receiver.address = "Local 1 — 2 €, ref. " + reference;
     receipt.qr_address = qr_address(receipt);
     const std::string bytes = render_receipt(receipt, ReceiptFormat::escpos);
     const Printout out = print(bytes);
@@ -270,7 +306,13 @@ TEST(Receipt, EscPosPrintsCodePage850AndTheQrByGsParenK)
     EXPECT_NE(bytes.find("\x1d(k\x04\x00" "1A2\x00", 0, 9), std::string::npos); // model 2
     EXPECT_NE(bytes.find("\x1d(k\x03\x00" "1E1", 0, 8), std::string::npos);     // error correction M
     EXPECT_EQ(out.qr_data, receipt.qr_address);
-    for (const char* encoded : {"NOTA DE CR\x90" "DITO B", "\xa5" "and\xa3 @ P\x82rez", "CAE N\xf8:", "Emisi\xa2n"})
+    EXPECT_NE(bytes.find("\x1b" "a\x01\x1d(k"), std::string::npos); // centred
+    EXPECT_EQ(out.widest, 48u);
+    EXPECT_EQ(out.widest_large, 3u + 17); // "NOTA DE CRÉDITO B" centred
+    EXPECT_NE(std::regex_replace(out.text, std::regex("\\s"), "").find(reference), std::string::npos);
+    for (const char* encoded : {"NOTA DE CR\x90" "DITO B", "\xa5" "and\xa3 @ P\x82rez", "CAE N\xf8:", "Emisi\xa2n",
+                                "\n" "                    COD. 008\n", "\nImporte Total:                        $ 1.210,00\n",
+                                "Local 1 ? 2 ?, ref."})
         EXPECT_NE(out.text.find(encoded), std::string::npos) << encoded;
     EXPECT_EQ(out.resets, 1); // the ESC in the name was printed as a space
     EXPECT_EQ(out.text.find("\xc3"), std::string::npos); // no UTF-8 left
@@ -284,7 +326,8 @@ TEST(Receipt, LogoOnEveryFormat)
     Receipt receipt = factura_b();
     receipt.issuer = read_issuer_profile(std::string(profile_json).insert(1, "\"logo\": \"logo.png\", "), workspace.path());
     receipt.qr_address = qr_address(receipt);
-    EXPECT_EQ(print(render_receipt(receipt, ReceiptFormat::escpos)).images, "384x128 "); // scaled to the paper's 384 dots
+    // Scaled to the paper's 384 dots, black on the left, white on the right.
+    EXPECT_EQ(print(render_receipt(receipt, ReceiptFormat::escpos)).images, "384x128 ff..00 ");
     for (const ReceiptFormat format : {ReceiptFormat::pdf_a4, ReceiptFormat::pdf_80mm}) {
         write_file("logo.pdf", render_receipt(receipt, format));
         EXPECT_TRUE(std::regex_search(run("pdfimages -list logo.pdf"), std::regex(" image +300 +100 ")));
@@ -341,7 +384,11 @@ TEST(Receipt, IssuerProfilesReadOrRefusedNamingTheField)
         {"[]", "issuer profile: must be a JSON object"},
         {with("colour", "red"), "issuer profile: unknown field \"colour\""},
         {without("cuit"), "issuer profile: field \"cuit\" is missing"},
+        {without("name"), "field \"name\" is missing"},
+        {without("address"), "field \"address\" is missing"},
+        {without("iibb"), "field \"iibb\" is missing"},
         {without("activities_start"), "field \"activities_start\" is missing"},
+        {without("vat_condition"), "field \"vat_condition\" is missing"},
         {with("cuit", "20111111113"), "field \"cuit\" 20111111113 is not a valid CUIT (its check digit is wrong)"},
         {with("cuit", 20111111110), "field \"cuit\" 20111111110 is not a valid CUIT"},
         {with("cuit", "2011111111"), "field \"cuit\" must be 11 digits"},
@@ -461,9 +508,66 @@ TEST(Receipt, VouchersThatCannotBePrintedAreRefusedNamingTheField)
         }
     }
     EXPECT_THROW(font_file("No Such Family", 80, "/nonexistent/font.ttf"), ReceiptError);
+    EXPECT_NE(font_file("DejaVu Sans", 200, "/nonexistent/font.ttf").find("DejaVuSans-Bold.ttf"), std::string::npos);
     EXPECT_EQ(font_file("No Such Family", 80, "/dev/null"), "/dev/null"); // Debian's path when fontconfig has no match
     const std::pair<const char*, std::optional<ReceiptFormat>> names[] = {
         {"pdf-a4", ReceiptFormat::pdf_a4}, {"pdf-80mm", ReceiptFormat::pdf_80mm}, {"escpos", ReceiptFormat::escpos}, {"pdf", std::nullopt}};
     for (const auto& [name, format] : names)
         EXPECT_EQ(receipt_format_named(name), format) << name;
+}
+
+TEST(Receipt, DatesAndUtf8CheckedAsAVoucherNeeds)
+{
+    const std::pair<const char*, bool> dates[] = {
+        {"20240229", true},  {"20000229", true},  {"20230229", false}, {"21000229", false}, {"20250430", true},
+        {"20250431", false}, {"20251231", true},  {"20251301", false}, {"20250100", false}, {"2025011", false},
+        {"2025o101", false}, {"19000101", true},  {"18991231", false},
+    };
+    for (const auto& [date, valid] : dates)
+        EXPECT_EQ(valid_date(date), valid) << date;
+    const std::pair<const char*, bool> texts[] = {
+        {"Ñandú — €", true},     {"\xf0\x9f\x98\x80", true}, {"\xc3", false},         {"\xc0\xaf", false},
+        {"\xe0\x9f\xbf", false}, {"\xed\xa0\x80", false},    {"\xf0\x8f\xbf\xbf", false}, {"\xf4\x90\x80\x80", false},
+        {"\xe2\x82", false},     {"\xe2\x28\xac", false},    {"\xf5\x80\x80\x80", false}, {"\x80", false},
+    };
+    for (const auto& [text, valid] : texts)
+        EXPECT_EQ(valid_utf8(text), valid) << text;
+}
+
+// The code tables against the simulator's own transcription of AFIP's FEParamGet answers.
+TEST(Receipt, AfipCodesAgreeWithTheSimulatorsTables)
+{
+    const auto named = [](const char* name) { return std::string(name ? name : "(none)"); };
+    const auto voucher = [](int id) {
+        const VoucherTypeInfo* info = voucher_type_info(id);
+        const char* kinds[] = {"Factura", "Nota de Débito", "Nota de Crédito", "Recibo", "Nota de Venta al contado"};
+        return info ? kinds[static_cast<int>(info->kind)] + std::string(" ") + info->letter : "(none)";
+    };
+    const auto rate = [](int id) {
+        char text[16];
+        std::snprintf(text, sizeof text, "%g%%", vat_rate_info(id) ? vat_rate_info(id)->percent : -1);
+        return std::string(text);
+    };
+    const std::map<std::string, std::function<std::string(const char*)>> lookups = {
+        {"FEParamGetTiposCbte", [&](const char* id) { return voucher(std::atoi(id)); }},
+        {"FEParamGetTiposDoc", [&](const char* id) { return named(document_type_name(std::atoi(id))); }},
+        {"FEParamGetTiposIva", [&](const char* id) { return rate(std::atoi(id)); }},
+        {"FEParamGetTiposMonedas", [&](const char* id) { return named(currency_info(id) ? currency_info(id)->name : nullptr); }},
+        {"FEParamGetTiposConcepto", [&](const char* id) { return named(concept_name(std::atoi(id))); }},
+        {"FEParamGetTiposTributos",
+         [&](const char* id) { return named(tax_type_info(std::atoi(id)) ? tax_type_info(std::atoi(id))->name : nullptr); }},
+    };
+    size_t compared = 0;
+    for (const ParameterTable& table : parameter_tables())
+        if (lookups.count(table.operation))
+            for (const auto& row : table.rows) {
+                EXPECT_EQ(lookups.at(table.operation)(row[0]), row[1]) << table.operation << " " << row[0];
+                ++compared;
+            }
+    for (const ReceptorCondition& condition : receptor_conditions())
+        EXPECT_EQ(named(vat_condition_name(condition.id)), condition.description) << condition.id;
+    EXPECT_EQ(compared, 41u);
+    EXPECT_EQ(vat_display('M'), VatDisplay::itemised);
+    EXPECT_EQ(vat_display('E'), VatDisplay::none);
+    EXPECT_TRUE(tax_type_info(1)->national_indirect && tax_type_info(4)->national_indirect && !tax_type_info(6)->national_indirect);
 }
