@@ -39,7 +39,8 @@ const struct {
     {"payment_due", "must be empty or a date written yyyymmdd",
      [](const Receipt& r) { return r.payment_due.empty() || valid_date(r.payment_due); }},
     {"currency", "must be a currency id of 3 characters", [](const Receipt& r) { return r.currency.size() == 3; }},
-    {"quotation", "must be positive", [](const Receipt& r) { return std::isfinite(r.quotation) && r.quotation > 0; }},
+    {"quotation", "must be positive and below 10^9",
+     [](const Receipt& r) { return std::isfinite(r.quotation) && r.quotation > 0 && r.quotation < 1e9; }},
     {"issuer.name", "must not be empty", [](const Receipt& r) { return !r.issuer.name.empty(); }},
     {"issuer.cuit", "must be a valid CUIT of 11 digits", [](const Receipt& r) { return valid_cuit(r.issuer.cuit); }},
     {"issuer.activities_start", "must be a date written yyyymmdd",
@@ -56,6 +57,11 @@ const struct {
          return std::all_of(r.vat_lines.begin(), r.vat_lines.end(), [](const VatLine& line) { return vat_rate_info(line.id); });
      }},
     {"other_taxes", "must be at most 20", [](const Receipt& r) { return r.other_taxes.size() <= most_other_taxes; }},
+    {"other_taxes", "hold a rate that is not a percentage from 0 to 100",
+     [](const Receipt& r) {
+         return std::all_of(r.other_taxes.begin(), r.other_taxes.end(),
+                            [](const OtherTax& tax) { return std::isfinite(tax.rate) && tax.rate >= 0 && tax.rate <= 100; });
+     }},
     {"associated", "hold a voucher whose type, point of sale, number or date is not valid",
      [](const Receipt& r) { return std::all_of(r.associated.begin(), r.associated.end(), valid_associated); }},
     {"authorisation.code", "must be 14 digits", [](const Receipt& r) { return all_digits(r.authorisation.code, 14); }},

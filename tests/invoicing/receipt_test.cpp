@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <regex>
@@ -178,7 +179,7 @@ const Case cases[] = {
          r.amounts.total = cents(122500);
          r.other_taxes = {{4, "Impuestos Internos", cents(100000), 1, cents(1000)}, {7, "Percepción IIBB", cents(100000), 0.5, cents(500)}};
      },
-     {"B COD. 006", "DNI: 12345678", "Apellido y Nombre / Razón Social: Juan Pérez", "Condición frente al IVA: Consumidor Final",
+     {"B COD. 006", "DNI: 12345678", "Impuestos Internos", "Percepción IIBB", "Apellido y Nombre / Razón Social: Juan Pérez", "Condición frente al IVA: Consumidor Final",
       "Facturas de dulce de leche (docena)", "605,00", "Subtotal: $ 1.210,00", "Importe Total: $ 1.225,00",
       "Régimen de Transparencia Fiscal al Consumidor (Ley 27.743)", "IVA Contenido: $ 210,00",
       "Otros Impuestos Nacionales Indirectos: $ 10,00"},
@@ -301,7 +302,7 @@ TEST(Receipt, EscPosPrintsCodePage850AndTheQrByGsParenK)
     const std::string bytes = render_receipt(receipt, ReceiptFormat::escpos);
     const Printout out = print(bytes);
     EXPECT_EQ(bytes.compare(0, 5, "\x1b@\x1bt\x02"), 0);          // reset, then code page 850
-    EXPECT_EQ(bytes.substr(bytes.size() - 4), std::string("\x1dVB\x00", 4));  // feed and cut
+    EXPECT_EQ(bytes.substr(bytes.size() - 10), std::string("\x1b" "E\0\x1d!\0\x1dVB\0", 10)); // plain text again, feed, cut
     EXPECT_EQ(out.qr_functions, "ACEPQ");                          // model, size, correction, store, print
     EXPECT_NE(bytes.find("\x1d(k\x04\x00" "1A2\x00", 0, 9), std::string::npos); // model 2
     EXPECT_NE(bytes.find("\x1d(k\x03\x00" "1E1", 0, 8), std::string::npos);     // error correction M
@@ -309,7 +310,7 @@ TEST(Receipt, EscPosPrintsCodePage850AndTheQrByGsParenK)
     EXPECT_NE(bytes.find("\x1b" "a\x01\x1d(k"), std::string::npos); // centred
     EXPECT_EQ(out.widest, 48u);
     EXPECT_EQ(out.widest_large, 3u + 17); // "NOTA DE CRÉDITO B" centred
-    EXPECT_NE(std::regex_replace(out.text, std::regex("\\s"), "").find(reference), std::string::npos);
+    EXPECT_NE(out.text.find("\n" + reference.substr(0, 48) + "\n" + reference.substr(48) + "\n"), std::string::npos);
     for (const char* encoded : {"NOTA DE CR\x90" "DITO B", "\xa5" "and\xa3 @ P\x82rez", "CAE N\xf8:", "Emisi\xa2n",
                                 "\n" "                    COD. 008\n", "\nImporte Total:                        $ 1.210,00\n",
                                 "Local 1 ? 2 ?, ref."})
@@ -358,6 +359,12 @@ TEST(Receipt, ItemsOverSeveralA4PagesAllPrintedQrOnTheLast)
         EXPECT_NE(first.text.find("Artículo " + std::to_string(i) + " de"), std::string::npos) << i;
     for (int page = 1; page <= last_page; ++page)
         EXPECT_NE(first.text.find("Página " + std::to_string(page) + "/" + pages[1].str()), std::string::npos) << page;
+    // Each page repeats the header and the table's titles.
+    for (const std::string repeated : {"Punto de Venta: 00001 Comp. Nro: 00000042", "Descripción Cantidad Precio Unit. Subtotal"}) {
+        const std::regex pattern(repeated);
+        EXPECT_EQ(std::distance(std::sregex_iterator(first.text.begin(), first.text.end(), pattern), std::sregex_iterator()), last_page)
+            << repeated;
+    }
 }
 
 TEST(Receipt, IssuerProfilesReadOrRefusedNamingTheField)
@@ -396,6 +403,8 @@ TEST(Receipt, IssuerProfilesReadOrRefusedNamingTheField)
         {with("name", 5), "field \"name\" must be a string"},
         {with("name", " "), "field \"name\" must not be empty"},
         {with("address", std::string(201, 'x')), "field \"address\" is longer than 200 characters"},
+        {with("footer", std::string(1001, 'x')), "field \"footer\" is longer than 1000 characters"},
+        {with("cuit", "2011111111122"), "field \"cuit\" must be 11 digits"},
         {with("activities_start", "2021-02-29"), "field \"activities_start\" must be a date written yyyy-mm-dd or yyyymmdd"},
         {with("activities_start", "20201301"), "field \"activities_start\" must be a date"},
         {with("vat_condition", 2), "field \"vat_condition\" must be a VAT condition id"},
@@ -477,6 +486,9 @@ TEST(Receipt, VouchersThatCannotBePrintedAreRefusedNamingTheField)
         {[](Receipt& r) { r.concept = 2, r.service_from = "20250101"; }, "service_to must be a date"},
         {[](Receipt& r) { r.payment_due = "2025011"; }, "payment_due must be empty or a date"},
         {[](Receipt& r) { r.quotation = 0; }, "quotation must be positive"},
+        {[](Receipt& r) { r.quotation = 1e70; }, "quotation must be positive and below 10^9"},
+        {[](Receipt& r) { r.other_taxes = {{99, "x", Money(), 100.5, Money()}}; }, "other_taxes hold a rate that is not"},
+        {[](Receipt& r) { r.other_taxes = {{99, "x", Money(), -0.5, Money()}}; }, "other_taxes hold a rate that is not"},
         {[](Receipt& r) { r.issuer.name.clear(); }, "issuer.name must not be empty"},
         {[](Receipt& r) { r.issuer.cuit = "20111111113"; }, "issuer.cuit must be a valid CUIT"},
         {[](Receipt& r) { r.receiver.document_type = 97; }, "receiver.document_type is not a document type AFIP lists"},
@@ -484,6 +496,7 @@ TEST(Receipt, VouchersThatCannotBePrintedAreRefusedNamingTheField)
         {[](Receipt& r) { r.vat_lines[0].id = 7; }, "vat_lines hold a VAT rate id AFIP does not list"},
         {[](Receipt& r) { r.other_taxes.resize(21); }, "other_taxes must be at most 20"},
         {[](Receipt& r) { r.associated = {{1, 1, 0, ""}}; }, "associated hold a voucher whose type"},
+        {[](Receipt& r) { r.associated = {{1, 99999, 1, ""}}; }, "associated hold a voucher whose type"},
         {[](Receipt& r) { r.authorisation.code = "7512345678901"; }, "authorisation.code must be 14 digits"},
         {[](Receipt& r) { r.authorisation.cae_expiry.clear(); }, "authorisation.cae_expiry must be a date"},
         {[](Receipt& r) { r.authorisation.kind = AuthorisationKind::caea; }, "authorisation.caea_from must be a date"},
@@ -516,22 +529,39 @@ TEST(Receipt, VouchersThatCannotBePrintedAreRefusedNamingTheField)
         EXPECT_EQ(receipt_format_named(name), format) << name;
 }
 
-TEST(Receipt, DatesAndUtf8CheckedAsAVoucherNeeds)
+TEST(Receipt, DatesUtf8AndCuitsCheckedAsAVoucherNeeds)
 {
-    const std::pair<const char*, bool> dates[] = {
-        {"20240229", true},  {"20000229", true},  {"20230229", false}, {"21000229", false}, {"20250430", true},
-        {"20250431", false}, {"20251231", true},  {"20251301", false}, {"20250100", false}, {"2025011", false},
-        {"2025o101", false}, {"19000101", true},  {"18991231", false},
-    };
-    for (const auto& [date, valid] : dates)
-        EXPECT_EQ(valid_date(date), valid) << date;
+    // Month lengths as the C library's calendar has them, in a leap year.
+    for (int month = 1; month <= 12; ++month)
+        for (int day = 28; day <= 32; ++day) {
+            std::tm time{};
+            time.tm_year = 2024 - 1900;
+            time.tm_mon = month - 1;
+            time.tm_mday = day;
+            time.tm_hour = 12;
+            std::mktime(&time);
+            char date[16];
+            std::snprintf(date, sizeof date, "2024%02d%02d", month, day);
+            EXPECT_EQ(valid_date(date), time.tm_mon == month - 1) << date;
+        }
+    for (const char* date : {"20230229", "21000229", "20250100", "20251301", "2025011", "2025o101", "18991231"})
+        EXPECT_FALSE(valid_date(date)) << date;
+    EXPECT_TRUE(valid_date("20000229") && valid_date("19000101"));
     const std::pair<const char*, bool> texts[] = {
         {"Ñandú — €", true},     {"\xf0\x9f\x98\x80", true}, {"\xc3", false},         {"\xc0\xaf", false},
         {"\xe0\x9f\xbf", false}, {"\xed\xa0\x80", false},    {"\xf0\x8f\xbf\xbf", false}, {"\xf4\x90\x80\x80", false},
         {"\xe2\x82", false},     {"\xe2\x28\xac", false},    {"\xf5\x80\x80\x80", false}, {"\x80", false},
+        {"\xc1\xbf", false},     {"\xf4\x8f\xbf\xbf", true},
     };
     for (const auto& [text, valid] : texts)
         EXPECT_EQ(valid_utf8(text), valid) << text;
+    const std::pair<const char*, bool> cuits[] = {
+        {"20111111112", true},  {"27123456780", true},  {"30500000003", true}, {"23999999999", true},
+        {"33700000007", true},  {"20000000001", true},  {"20000000010", false}, {"20111111113", false},
+        {"2011111111", false},  {"2011111111a", false}, {"201111111120", false},
+    };
+    for (const auto& [cuit, valid] : cuits)
+        EXPECT_EQ(valid_cuit(cuit), valid) << cuit;
 }
 
 // The code tables against the simulator's own transcription of AFIP's FEParamGet answers.
