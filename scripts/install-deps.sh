@@ -8,9 +8,9 @@
 set -euo pipefail
 
 declare -A group=(
-  [build]="build-essential cmake pkg-config libcurl4-openssl-dev libssl-dev libpugixml-dev nlohmann-json3-dev libsqlite3-dev libqrencode-dev libpng-dev"
+  [build]="build-essential cmake pkg-config libcurl4-openssl-dev libssl-dev libpugixml-dev nlohmann-json3-dev libsqlite3-dev libqrencode-dev libpng-dev libcairo2-dev libfontconfig-dev fonts-dejavu-core"
   [tools]="libcpp-httplib-dev"
-  [tests]="libcpp-httplib-dev zbar-tools libgtest-dev openssl tinyproxy coreutils python3 python3-lxml fp-compiler fp-units-fcl default-jdk-headless libjna-java"
+  [tests]="libcpp-httplib-dev zbar-tools poppler-utils libgtest-dev openssl tinyproxy coreutils python3 python3-lxml fp-compiler fp-units-fcl default-jdk-headless libjna-java"
   [memcheck]="valgrind"
   [bench]="libcpp-httplib-dev libbenchmark-dev openssl curl"
   [fuzz]="clang libclang-rt-14-dev"
