@@ -10,15 +10,22 @@
 
 namespace {
 
+StateFile& memory_only()
+{
+    static StateFile state;
+    return state;
+}
+
 TicketRegistry& tickets()
 {
-    static TicketRegistry registry(std::chrono::hours(24 * 365), std::chrono::seconds(0));
+    static TicketRegistry registry(std::chrono::hours(24 * 365), std::chrono::seconds(0), memory_only());
     return registry;
 }
 
 InvoicingService& service()
 {
-    static InvoicingService invoicing(tickets(), InvoicingSettings{});
+    static const Padron padron;
+    static InvoicingService invoicing(tickets(), padron, InvoicingSettings{}, memory_only());
     return invoicing;
 }
 

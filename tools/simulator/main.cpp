@@ -20,6 +20,7 @@
 #include "options.h"
 #include "scripted_answers.h"
 #include "service_descriptions.h"
+#include "state_file.h"
 #include "ticket_registry.h"
 #include "voucher_rules.h"
 
@@ -270,11 +271,19 @@ int run_server(const Options& options)
 {
     RequestLog log;
     StopFlag stopping;
-    TicketRegistry tickets(std::chrono::seconds(options.ticket_seconds), std::chrono::seconds(options.refuse_relogin_seconds));
+    StateFile state(options.state_file);
+    TicketRegistry tickets(std::chrono::seconds(options.ticket_seconds), std::chrono::seconds(options.refuse_relogin_seconds),
+                           state);
     LoginService login(options.services, options.relations, tickets);
-    InvoicingSettings settings{options.padron_file.empty() ? Padron() : Padron::from_file(options.padron_file),
-                               options.receptor_condition_required_from, options.events};
-    InvoicingService invoicing(tickets, std::move(settings));
+    // A padrón given now replaces the one the state kept; without either, the built-in one.
+    const nlohmann::json kept_padron = state.section("padron");
+    const Padron padron = !options.padron_file.empty() ? Padron::from_file(options.padron_file)
+                          : kept_padron.is_null()      ? Padron()
+                                                       : Padron::from_json(kept_padron, options.state_file);
+    state.save("padron", padron.to_json());
+    InvoicingSettings settings{options.receptor_condition_required_from, options.events, options.today,
+                               options.points_of_sale, options.caea_points_of_sale};
+    InvoicingService invoicing(tickets, padron, std::move(settings), state);
     ScriptedAnswers scripted;
     Routes route(log, scripted, stopping);
 

@@ -30,6 +30,14 @@ std::vector<std::string> split_list(const std::string& option, const std::string
     return items;
 }
 
+// "YYYY-MM-DD" as yyyymmdd, or std::invalid_argument naming the option.
+std::string parse_date(const std::string& option, const std::string& date)
+{
+    if (date.size() != 10 || date[4] != '-' || date[7] != '-' || !day_of_date(date.substr(0, 4) + date.substr(5, 2) + date.substr(8, 2)))
+        throw std::invalid_argument(option + " expects a date YYYY-MM-DD, not '" + date + "'");
+    return date.substr(0, 4) + date.substr(5, 2) + date.substr(8, 2);
+}
+
 } // namespace
 
 long parse_whole_number(const std::string& what, const std::string& text, long minimum, long maximum)
@@ -102,13 +110,19 @@ Options parse_options(int argc, char** argv)
         } else if (option == "--max-seconds") {
             options.max_seconds = parse_whole_number(option, take_value(), 0, unlimited);
         } else if (option == "--receptor-condition-required-from") {
-            const std::string date = take_value();
-            if (date.size() != 10 || date[4] != '-' || date[7] != '-' ||
-                !day_of_date(date.substr(0, 4) + date.substr(5, 2) + date.substr(8, 2)))
-                throw std::invalid_argument(option + " expects a date YYYY-MM-DD, not '" + date + "'");
-            options.receptor_condition_required_from = date.substr(0, 4) + date.substr(5, 2) + date.substr(8, 2);
+            options.receptor_condition_required_from = parse_date(option, take_value());
+        } else if (option == "--today") {
+            options.today = parse_date(option, take_value());
         } else if (option == "--padron") {
             options.padron_file = take_value();
+        } else if (option == "--state") {
+            options.state_file = take_value();
+            if (options.state_file.empty())
+                throw std::invalid_argument("--state needs a file name");
+        } else if (option == "--points-of-sale" || option == "--caea-points-of-sale") {
+            std::set<long long>& points = option == "--points-of-sale" ? options.points_of_sale : options.caea_points_of_sale;
+            for (const std::string& point : split_list(option, take_value(), false))
+                points.insert(parse_whole_number(option, point, 1, 99998));
         } else if (option == "--event") {
             const std::string event = take_value();
             const size_t colon = event.find(':');
@@ -149,6 +163,10 @@ Options parse_options(int argc, char** argv)
         throw std::invalid_argument("--password, --cn, --cuit and --expired go with --make-certificate");
     if (!options.certificate_output.empty() && !options.password_given)
         throw std::invalid_argument("--make-certificate needs --password");
+    for (const long long point : options.points_of_sale)
+        if (options.caea_points_of_sale.count(point))
+            throw std::invalid_argument("point of sale " + std::to_string(point) +
+                                        " is in both --points-of-sale and --caea-points-of-sale");
     if (!options.certificate_output.empty() && options.certificate_common_name.empty())
         throw std::invalid_argument("--cn needs a non-empty name");
     return options;
@@ -182,6 +200,9 @@ Server options:
   --service-delay-ms N    the invoicing endpoint waits N ms before answering (default 0)
   --non-xml-answer        the invoicing endpoint answers 200 with a plain-text body
   --max-seconds N         stop after N seconds; 0 runs until SIGINT or SIGTERM (default 0)
+  --state FILE            keep tickets, numbering, vouchers, CAEAs and the padron in FILE (JSON,
+                          rewritten atomically at every change) and start from it: a restart
+                          forgets nothing. Without it everything is kept in memory
 
 Invoicing rules:
   --receptor-condition-required-from YYYY-MM-DD
@@ -203,6 +224,14 @@ Invoicing rules:
                            13 Monotributista Social       27666666661
                            15 IVA No Alcanzado            30744444442
                            16 Monotributo Trabajador Independiente Promovido  20777777778
+  --today YYYY-MM-DD      the date the simulator takes for today in Argentina: date windows,
+                          the cut-over above, CAEA windows and deadlines, FchProceso; the time
+                          of day stays the real one (default: the real date)
+  --points-of-sale LIST   the points of sale registered for CAE (comma-separated, 1-99998);
+                          others get Err 10005, 11002, 10104 (default: any but the CAEA ones)
+  --caea-points-of-sale LIST
+                          the points of sale registered for CAEA: only they inform CAEA
+                          vouchers, and they issue no CAE (default: any may inform)
   --event CODE:TEXT       add Events/Evt with that code and text to every WSFEv1 answer
                           (repeatable), as AFIP announces changes
   --rules                 print the rules FECAESolicitar applies, as a Markdown table, and exit

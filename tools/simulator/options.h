@@ -1,6 +1,7 @@
 #ifndef TARVO_SIMULATOR_OPTIONS_H
 #define TARVO_SIMULATOR_OPTIONS_H
 
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,6 +23,10 @@ struct Options {
     long max_seconds = 0;
     std::string receptor_condition_required_from = "20261201"; // yyyymmdd
     std::string padron_file;
+    std::string state_file;
+    std::string today; // yyyymmdd; empty: the real date
+    std::set<long long> points_of_sale;
+    std::set<long long> caea_points_of_sale;
     std::vector<std::pair<int, std::string>> events;
     bool rules = false;
 

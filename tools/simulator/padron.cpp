@@ -21,7 +21,16 @@ Padron Padron::from_file(const std::string& path)
     std::ifstream file(path);
     if (!file)
         throw std::runtime_error("cannot read " + path);
-    const nlohmann::json document = nlohmann::json::parse(file, nullptr, false);
+    return from_json(nlohmann::json::parse(file, nullptr, false), path);
+}
+
+nlohmann::json Padron::to_json() const
+{
+    return m_conditions;
+}
+
+Padron Padron::from_json(const nlohmann::json& document, const std::string& path)
+{
     if (!document.is_object())
         throw std::runtime_error(path + " is not a JSON object of CUITs and VAT conditions");
     std::map<std::string, int> conditions;

@@ -1,6 +1,8 @@
 #ifndef TARVO_SIMULATOR_PADRON_H
 #define TARVO_SIMULATOR_PADRON_H
 
+#include <nlohmann/json.hpp>
+
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -15,6 +17,10 @@ public:
     Padron();
     // A JSON object {"<11 digits>": <condition id>, ...}; throws std::runtime_error saying what is wrong.
     static Padron from_file(const std::string& path);
+    // The same from a parsed document; `origin` names it in messages.
+    static Padron from_json(const nlohmann::json& document, const std::string& origin);
+    // The form from_json reads.
+    nlohmann::json to_json() const;
 
     std::optional<int> condition_of(std::int64_t cuit) const;
     const std::map<std::string, int>& entries() const { return m_conditions; }
