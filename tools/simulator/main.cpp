@@ -17,6 +17,7 @@
 #include "identity.h"
 #include "invoicing_service.h"
 #include "login_service.h"
+#include "registry_service.h"
 #include "options.h"
 #include "scripted_answers.h"
 #include "service_descriptions.h"
@@ -27,6 +28,9 @@
 namespace {
 
 using namespace std::chrono_literals;
+
+const char constancia_path[] = "/sr-padron/webservices/personaServiceA5";
+const char a13_path[] = "/sr-padron/webservices/personaServiceA13";
 
 // Room for the large answers a host's test may queue.
 constexpr size_t largest_request_bytes = 64 * 1024 * 1024;
@@ -338,8 +342,14 @@ int run_server(const Options& options)
                          request.has_header("SOAPAction") ? std::optional(request.get_header_value("SOAPAction")) : std::nullopt;
                      return invoicing.handle(request.body, soap_action);
                  }));
+    const RegistryService constancia(RegistryService::Kind::constancia, tickets, padron);
+    const RegistryService a13(RegistryService::Kind::a13, tickets, padron);
+    for (const auto& [path, registry] : {std::pair{constancia_path, &constancia}, std::pair{a13_path, &a13}})
+        server->Post(path, route([registry = registry](const httplib::Request& request) { return registry->handle(request.body); }));
     for (const auto& [path, description] : {std::pair{"/ws/services/LoginCms", wsaa_description},
-                                            std::pair{"/wsfev1/service.asmx", wsfev1_description}})
+                                            std::pair{"/wsfev1/service.asmx", wsfev1_description},
+                                            std::pair{constancia_path, registry_a5_description},
+                                            std::pair{a13_path, registry_a13_description}})
         server->Get(path, route([&, path = std::string(path), description = description](const httplib::Request& request) {
                         if (!request.has_param("wsdl") && !request.has_param("WSDL"))
                             return text_reply(404, "not found: add ?wsdl for the service description", "-> not found");

@@ -189,7 +189,9 @@ Server options:
   --legacy-tls            TLS 1.2 at most, key exchange only by DHE-RSA with a 1024-bit group:
                           what a current client refuses unless it lowers its security level
   --port-file FILE        write the bound port and a newline to FILE once listening
-  --services LIST         comma-separated services the login endpoint authorises (default wsfe)
+  --services LIST         comma-separated services the login endpoint authorises (default wsfe,
+                          ws_sr_constancia_inscripcion,ws_sr_padron_a13; ws_sr_padron_a5, the
+                          constancia's old name, is always refused)
   --ticket-seconds N      lifetime of issued access tickets (default 43200)
   --refuse-relogin-seconds N
                           while a ticket is valid, a second login for the same certificate and
@@ -209,21 +211,18 @@ Invoicing rules:
                           from this date (Argentina's) a voucher without CondicionIVAReceptorId
                           is rejected with Obs 10246; before it, approved with Obs 10245
                           (default 2026-12-01, RG 5616 in production)
-  --padron FILE           the registered CUITs: a JSON object {"<11 digits>": <condition id of
-                          FEParamGetCondicionIvaReceptor>, ...}; it decides Obs 10015, 10017,
-                          10063 and 10217. Without it a built-in padron holds:
-                            1 IVA Responsable Inscripto   20111111112 (the certificates' CUIT),
-                                                          30500010912
-                            4 IVA Sujeto Exento           30711111111
-                            5 Consumidor Final            20333333334
-                            6 Responsable Monotributo     20222222223, 30000000007
-                            7 Sujeto No Categorizado      23000000000
-                            8 Proveedor del Exterior      30722222225
-                            9 Cliente del Exterior        30733333339
-                           10 IVA Liberado - Ley 19.640   20555555556
-                           13 Monotributista Social       27666666661
-                           15 IVA No Alcanzado            30744444442
-                           16 Monotributo Trabajador Independiente Promovido  20777777778
+  --padron FILE           the taxpayers' register that the registry endpoints answer from and
+                          the invoicing rules read (Obs 10015, 10017, 10063, 10217, Err 10000):
+                          a JSON object {"<11 digits>": {taxpayer} or <condition id>, ...}, see
+                          the README. Without it a built-in padron holds (condition, name):
+                            20111111112  1  GOMEZ JUAN CARLOS (the certificates' CUIT)
+                            30500010912  1  COMERCIAL DEL PLATA SA
+                            30711111111  4  FUNDACION AYUDA MUTUA
+                            20333333334  5  FERNANDEZ ANA MARIA (no tax data)
+                            20222222223  6  LOPEZ MARTIN;  30000000007  6
+                            20888888889     BAJA ROBERTO, key INACTIVO
+                            23000000000 7, 30722222225 8, 30733333339 9, 20555555556 10,
+                            27666666661 13, 30744444442 15, 20777777778 16
   --today YYYY-MM-DD      the date the simulator takes for today in Argentina: date windows,
                           the cut-over above, CAEA windows and deadlines, FchProceso; the time
                           of day stays the real one (default: the real date)
@@ -245,6 +244,12 @@ Certificate maker (writes a file and exits):
 
 Endpoints (SOAP 1.1; GET with ?wsdl or ?WSDL gives the service description):
   POST /ws/services/LoginCms   WSAA loginCms
+  POST /sr-padron/webservices/personaServiceA5
+                               the registry's constancia (ws_sr_constancia_inscripcion): dummy,
+                               getPersona, getPersona_v2, getPersonaList, getPersonaList_v2
+  POST /sr-padron/webservices/personaServiceA13
+                               the registry's A13 (ws_sr_padron_a13): dummy, getPersona,
+                               getIdPersonaListByDocumento
   POST /wsfev1/service.asmx    WSFEv1, its 22 operations: FEDummy, FECompUltimoAutorizado,
                                FECAESolicitar, FECompConsultar, FECompTotXRequest, the CAEA ones
                                (FECAEASolicitar, FECAEAConsultar, FECAEARegInformativo,

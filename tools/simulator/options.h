@@ -14,7 +14,7 @@ struct Options {
     std::string tls_name;
     std::string tls_certificate_output;
     std::string port_file;
-    std::vector<std::string> services{"wsfe"};
+    std::vector<std::string> services{"wsfe", "ws_sr_constancia_inscripcion", "ws_sr_padron_a13"};
     long ticket_seconds = 43200;
     long refuse_relogin_seconds = 600;
     std::vector<std::string> relations;
