@@ -110,7 +110,8 @@ def invoice(point_of_sale, count=1, operation="FECAESolicitar", **changes):
     first, caea = int(changes.pop("CbteDesde", "1")), operation != "FECAESolicitar"
     tag = lambda name, content: "<ar:%s>%s</ar:%s>" % (name, content, name)
     details = "".join(tag("FECAEADetRequest" if caea else "FECAEDetRequest", "".join(
-        tag(k, v) for k, v in dict(DETAIL + [("CAEA", None)], CbteDesde=n, CbteHasta=n, **changes).items() if v is not None))
+        tag(k, v) for k, v in dict(DETAIL + [("CAEA", None), ("CbteFchHsGen", None)], CbteDesde=n, CbteHasta=n,
+                                   **changes).items() if v is not None))
         for n in range(first, first + count))
     return tag("FeCAEARegInfReq" if caea else "FeCAEReq", tag("FeCabReq", "".join(tag(k, header[k]) for k in (
         "CantReg", "PtoVta", "CbteTipo"))) + tag("FeDetReq", details))
@@ -334,7 +335,6 @@ class Invoicing(unittest.TestCase):
             "FEParamGetTiposOpcional": ("", "OpcionalTipo/Id", "22"),
             "FEParamGetTiposPaises": ("", "PaisTipo/Id", "200"),
             "FEParamGetActividades": ("", "ActividadesTipo/Orden", "1"),
-            "FECAEASolicitar": ("<ar:Periodo>202612</ar:Periodo><ar:Orden>2</ar:Orden>", "FchVigHasta", "20261231"),
         }
         for operation, (content, path, expected) in answers.items():
             result = self.call(operation, content)
@@ -514,23 +514,6 @@ class Rules(unittest.TestCase):
             "{%s}FECAEDetResponse" % FEV1)], ["P", "A", "R", "R"])
         self.assertEqual(text(self.call("FECompUltimoAutorizado", "<ar:PtoVta>91</ar:PtoVta><ar:CbteTipo>6</ar:CbteTipo>"),
                               "CbteNro"), "1")
-
-    def test_caea_vouchers_and_points_of_sale_without_movement(self):
-        period = "<ar:Periodo>%s</ar:Periodo><ar:Orden>%d</ar:Orden>" % (day(0)[:6], 1 if int(day(0)[6:]) <= 15 else 2)
-        caea = text(self.call("FECAEASolicitar", period), "CAEA")
-        self.assertEqual(text(self.call("FECAEAConsultar", period), "CAEA"), caea)
-        informed = self.call("FECAEARegInformativo", invoice(80, operation="FECAEARegInformativo", CAEA=caea))
-        self.assertEqual((text(informed, "FeCabResp/Resultado"), text(informed, "FECAEADetResponse/CAEA")), ("A", caea))
-        consulted = self.call("FECompConsultar", "<ar:FeCompConsReq><ar:CbteTipo>6</ar:CbteTipo><ar:CbteNro>1</ar:CbteNro>"
-                                                 "<ar:PtoVta>80</ar:PtoVta></ar:FeCompConsReq>")
-        self.assertEqual((text(consulted, "EmisionTipo"), text(consulted, "CodAutorizacion")), ("CAEA", caea))
-        refused = self.call("FECAEARegInformativo", invoice(81, operation="FECAEARegInformativo", CAEA="1" * 14))
-        self.assertEqual(text(refused, "Errors/Err/Code"), "602")
-        for code, verdict in ((caea, "A"), ("1" * 14, "R")):
-            informed = self.call("FECAEASinMovimientoInformar", "<ar:PtoVta>82</ar:PtoVta><ar:CAEA>%s</ar:CAEA>" % code)
-            self.assertEqual(text(informed, "Resultado"), verdict)
-        listed = self.call("FECAEASinMovimientoConsultar", "<ar:CAEA>%s</ar:CAEA><ar:PtoVta>82</ar:PtoVta>" % caea)
-        self.assertEqual([text(listed, "FECAEASinMov/CAEA"), text(listed, "FECAEASinMov/PtoVta")], [caea, "82"])
 
     def test_the_readme_holds_the_rules_table_of_the_code(self):
         with open(os.path.join(SOURCE, "tools", "simulator", "README.md"), encoding="utf-8") as readme:

@@ -18,7 +18,8 @@ const char envelope_start[] =
     "xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\">";
 
 constexpr long long cae_validity_days = 10;
-constexpr long long caea_report_days = 8; // after the CAEA's fortnight, to report its vouchers
+constexpr long long caea_report_days = 8;       // after the CAEA's fortnight, to report its vouchers
+constexpr long long caea_request_days_ahead = 5; // a CAEA may be asked for from 5 days before its fortnight
 const char no_data[] = "No existen datos en nuestros registros para los parametros ingresados.";
 const char wsfev1_service_name[] = "wsfe";
 // The reference records no text for a token AFIP never issued: the simulator's own words.
@@ -425,7 +426,6 @@ std::string InvoicingService::judge(const pugi::xml_node& request, const std::st
     const std::string today = this->today();
     const std::string processed = processed_now();
     std::vector<VoucherDetail> details;
-    std::vector<std::string> caeas;
     for (const pugi::xml_node& node : child_by_local_name(request, "FeDetReq").children()) {
         if (node.type() != pugi::node_element || local_name(node) != (with_caea ? "FECAEADetRequest" : "FECAEDetRequest"))
             continue;
@@ -433,7 +433,6 @@ std::string InvoicingService::judge(const pugi::xml_node& request, const std::st
         if (!detail)
             return {};
         details.push_back(std::move(*detail));
-        caeas.push_back(text_by_local_name(node, {"CAEA"}));
     }
 
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -456,20 +455,21 @@ std::string InvoicingService::judge(const pugi::xml_node& request, const std::st
     check.next_number = last == m_last_number.end() ? 1 : last->second + 1;
     check.last_date = last_date == m_last_date.end() ? "" : last_date->second;
 
-    std::optional<std::pair<int, std::string>> refusal;
-    const auto granted = [&](const std::string& code) {
-        return std::any_of(m_caeas.begin(), m_caeas.end(),
-                           [&](const auto& entry) { return std::get<0>(entry.first) == cuit && entry.second.code == code; });
+    check.with_caea = with_caea;
+    const auto use_detail = [&](const VoucherDetail& detail) {
+        check.detail = detail;
+        const Caea* caea = granted_caea(cuit, detail.caea);
+        check.caea = caea ? std::optional(VoucherCheck::CaeaGrant{caea->valid_from, caea->valid_to, caea->report_by}) : std::nullopt;
     };
+
+    std::optional<std::pair<int, std::string>> refusal;
     for (size_t i = 0; i < std::max<size_t>(details.size(), 1) && !refusal; ++i) {
-        check.detail = details.empty() ? VoucherDetail{} : details[i];
+        use_detail(details.empty() ? VoucherDetail{} : details[i]);
         for (const VoucherRule& rule : voucher_rules())
-            if (rule.kind == RuleKind::error && rule.applies(check)) {
+            if (rule.kind == RuleKind::error && rule.judges(check) && rule.applies(check)) {
                 refusal = std::pair(rule.code, rule_message(rule, check));
                 break;
             }
-        if (!refusal && with_caea && !granted(caeas[i]))
-            refusal = std::pair(602, std::string(no_data));
         // Unrefused, the number is at most 99999999: the next one cannot overflow.
         if (!refusal) {
             check.next_number = check.detail.last + 1;
@@ -481,12 +481,12 @@ std::string InvoicingService::judge(const pugi::xml_node& request, const std::st
     size_t approved = 0;
     bool stopped = refusal.has_value();
     for (size_t i = 0; i < details.size(); ++i) {
-        check.detail = details[i];
+        use_detail(details[i]);
         std::string observations;
         bool rejected = stopped;
         if (!stopped)
             for (const VoucherRule& rule : voucher_rules())
-                if (rule.kind != RuleKind::error && rule.applies(check)) {
+                if (rule.kind != RuleKind::error && rule.judges(check) && rule.applies(check)) {
                     observations += "<Obs>" + element("Code", std::to_string(rule.code)) +
                                     element("Msg", rule_message(rule, check)) + "</Obs>";
                     rejected = rejected || rule.kind == RuleKind::rejecting_observation;
@@ -497,7 +497,7 @@ std::string InvoicingService::judge(const pugi::xml_node& request, const std::st
         Voucher voucher{detail.echo, observations, "", with_caea ? "CAEA" : "CAE", "", processed};
         if (!rejected) {
             const long long day = day_of_date(detail.date).value_or(*day_of_date(today));
-            voucher.authorisation = with_caea ? caeas[i] : random_digits(14);
+            voucher.authorisation = with_caea ? detail.caea : random_digits(14);
             voucher.expiry = with_caea ? "" : date_of_day(day + cae_validity_days);
             m_vouchers[{series, detail.first}] = voucher;
             m_last_number[series] = detail.last;
@@ -508,7 +508,7 @@ std::string InvoicingService::judge(const pugi::xml_node& request, const std::st
         // The answer repeats the request's fields up to the date.
         const std::string head = detail.echo.substr(0, detail.echo.find("<ImpTotal>")) +
                                  element("Resultado", rejected ? "R" : "A") + observations;
-        detail_results += with_caea ? "<FECAEADetResponse>" + head + element("CAEA", caeas[i]) + "</FECAEADetResponse>"
+        detail_results += with_caea ? "<FECAEADetResponse>" + head + element("CAEA", detail.caea) + "</FECAEADetResponse>"
                                     : "<FECAEDetResponse>" + head + element("CAE", voucher.authorisation) +
                                           element("CAEFchVto", voucher.expiry) + "</FECAEDetResponse>";
     }
@@ -565,20 +565,31 @@ std::string InvoicingService::request_caea(const pugi::xml_node& operation, cons
         return {};
     const auto first_day = day_of_date(std::to_string(*period) + (*order == 2 ? "16" : "01"));
     if (!first_day || (*order != 1 && *order != 2))
-        return errors(15007, "Los campos Periodo (yyyymm) y Orden (1 o 2) no son validos.");
+        return refusal("FECAEASolicitar", 15007);
+    // A fortnight: days 1 to 15, or 16 to the month's end.
+    const long long last_day = *order == 1 ? *first_day + 14 : *day_of_date(date_of_day(*first_day + 16).substr(0, 6) + "01") - 1;
+    const long long today = *day_of_date(this->today());
+    if (today < *first_day - caea_request_days_ahead || today > last_day)
+        return refusal("FECAEASolicitar", 15006);
     std::lock_guard<std::mutex> lock(m_mutex);
     Caea& caea = m_caeas[{cuit, *period, *order}];
-    if (caea.code.empty()) {
-        // A fortnight: days 1 to 15, or 16 to the month's end.
-        const long long last_day = *order == 1 ? *first_day + 14 : *day_of_date(date_of_day(*first_day + 16).substr(0, 6) + "01") - 1;
-        caea = {random_digits(14), date_of_day(*first_day), date_of_day(last_day), date_of_day(last_day + caea_report_days),
-                processed_now()};
-        save();
-    }
+    if (!caea.code.empty())
+        return refusal("FECAEASolicitar", 15008);
+    caea = {random_digits(14), date_of_day(*first_day), date_of_day(last_day), date_of_day(last_day + caea_report_days),
+            processed_now()};
+    save();
     return "<ResultGet>" + element("CAEA", caea.code) + element("Periodo", std::to_string(*period)) +
            element("Orden", std::to_string(*order)) + element("FchVigDesde", caea.valid_from) +
            element("FchVigHasta", caea.valid_to) + element("FchTopeInf", caea.report_by) +
            element("FchProceso", caea.processed) + "</ResultGet>";
+}
+
+const InvoicingService::Caea* InvoicingService::granted_caea(const std::string& cuit, const std::string& code) const
+{
+    const auto found = std::find_if(m_caeas.begin(), m_caeas.end(), [&](const auto& entry) {
+        return std::get<0>(entry.first) == cuit && !code.empty() && entry.second.code == code;
+    });
+    return found == m_caeas.end() ? nullptr : &found->second;
 }
 
 std::string InvoicingService::consult_caea(const pugi::xml_node& operation, const std::string& cuit)
@@ -606,15 +617,27 @@ std::string InvoicingService::inform_no_movement(const pugi::xml_node& operation
         return {};
     const std::string processed = processed_now();
     std::lock_guard<std::mutex> lock(m_mutex);
-    const bool granted = std::any_of(m_caeas.begin(), m_caeas.end(), [&](const auto& entry) {
-        return std::get<0>(entry.first) == cuit && entry.second.code == code;
+    const Caea* caea = granted_caea(cuit, code);
+    const auto informed_there = [&] {
+        return std::any_of(m_vouchers.begin(), m_vouchers.end(), [&](const auto& entry) {
+            return std::get<0>(entry.first.first) == cuit && std::get<1>(entry.first.first) == *point_of_sale &&
+                   entry.second.emission == "CAEA" && entry.second.authorisation == code;
+        });
+    };
+    const int problem = !caea                                         ? 602
+                        : !registered_for(*point_of_sale, true)       ? 10005
+                        : today() > caea->report_by                   ? 15009
+                        : informed_there()                            ? 15010
+                                                                      : 0;
+    const bool declared = std::any_of(m_no_movement.begin(), m_no_movement.end(), [&](const auto& entry) {
+        return std::get<0>(entry) == cuit && std::get<1>(entry) == code && std::get<2>(entry) == *point_of_sale;
     });
-    if (granted) {
+    if (!problem && !declared) {
         m_no_movement.emplace_back(cuit, code, *point_of_sale, processed);
         save();
     }
     return element("CAEA", code) + element("FchProceso", processed) + element("PtoVta", std::to_string(*point_of_sale)) +
-           element("Resultado", granted ? "A" : "R") + (granted ? "" : errors(602, no_data));
+           element("Resultado", problem ? "R" : "A") + (problem ? refusal("FECAEASinMovimientoInformar", problem) : "");
 }
 
 std::string InvoicingService::consult_no_movement(const pugi::xml_node& operation, const std::string& cuit)

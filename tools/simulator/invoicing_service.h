@@ -68,6 +68,8 @@ private:
     std::string consult(const pugi::xml_node& operation, const std::string& cuit);
     std::string request_caea(const pugi::xml_node& operation, const std::string& cuit);
     std::string consult_caea(const pugi::xml_node& operation, const std::string& cuit);
+    // The CAEA of that code granted to the CUIT, with m_mutex held; nullptr when none was.
+    const Caea* granted_caea(const std::string& cuit, const std::string& code) const;
     std::string inform_no_movement(const pugi::xml_node& operation, const std::string& cuit);
     std::string consult_no_movement(const pugi::xml_node& operation, const std::string& cuit);
     std::string points_of_sale(const pugi::xml_node& operation, const std::string& cuit);

@@ -282,6 +282,14 @@ std::optional<std::vector<long long>> associable_types(long long note_type)
     return std::nullopt;
 }
 
+// yyyymmddhhmmss, a real date and time of day.
+bool is_date_and_time(const std::string& text)
+{
+    const auto two_digits = [&](size_t at) { return std::stoi(text.substr(at, 2)); };
+    return text.size() == 14 && text.find_first_not_of("0123456789") == std::string::npos && day_of_date(text.substr(0, 8)) &&
+           two_digits(8) < 24 && two_digits(10) < 60 && two_digits(12) < 60;
+}
+
 bool amount_negative_outside_class_c(const VoucherCheck& c, double amount)
 {
     return amount < 0 && class_of(c) != 'C';
@@ -321,7 +329,17 @@ const std::vector<VoucherRule> rules = {
     {10005, refuses_request,
      "NO AUTORIZADO A EMITIR COMPROBANTES - EL PUNTO DE VENTA INFORMADO DEBE ESTAR DADO DE ALTA Y SER DEL TIPO RECE", afip, afip,
      "`PtoVta` outside 1–99998, or not among `--points-of-sale`, or one of `--caea-points-of-sale`",
-     [](const VoucherCheck& c) { return !c.point_of_sale_registered; }},
+     [](const VoucherCheck& c) { return !c.point_of_sale_registered; }, Emission::cae},
+    {10005, refuses_request,
+     "NO AUTORIZADO A INFORMAR COMPROBANTES - EL PUNTO DE VENTA INFORMADO DEBE ESTAR DADO DE ALTA PARA CAEA", own, afip,
+     "`PtoVta` outside 1–99998, or not among `--caea-points-of-sale` when that is given",
+     [](const VoucherCheck& c) { return !c.point_of_sale_registered; }, Emission::caea},
+    {602, refuses_request, "No existen datos en nuestros registros para los parametros ingresados.", afip, own,
+     "a `CAEA` not granted to the issuer",
+     [](const VoucherCheck& c) { return !c.caea; }, Emission::caea},
+    {15009, refuses_request, "El plazo para informar los comprobantes emitidos con el CAEA vencio (FchTopeInf).", own, own,
+     "N after the CAEA's `FchTopeInf`",
+     [](const VoucherCheck& c) { return c.caea && c.today > c.caea->report_by; }, Emission::caea},
     {10007, refuses_request, "El campo CbteTipo debe ser alguno de los devueltos por el metodo FEParamGetTiposCbte.", own, own,
      "`CbteTipo` not in `FEParamGetTiposCbte`",
      [](const VoucherCheck& c) { return !listed("FEParamGetTiposCbte", c.voucher_type); }},
@@ -338,21 +356,33 @@ const std::vector<VoucherRule> rules = {
     {10016, rejects,
      "Campo CbteFch Debe estar comprendido  en el  rango  N-5 y N+5 siendo N la fecha de envio del pedido  de autorizacion para 1 - Productos",
      afip, afip, "`Concepto` 1 and `CbteFch` outside N−5…N+5 (N: today in Argentina)",
-     [](const VoucherCheck& c) { return c.detail.concept == 1 && !is_credit_invoice_note(c) && date_outside(c, 5, 5); }},
+     [](const VoucherCheck& c) { return c.detail.concept == 1 && !is_credit_invoice_note(c) && date_outside(c, 5, 5); },
+     Emission::cae},
     {10016, rejects,
      "Campo CbteFch Debe estar comprendido  en el  rango  N-10 y N+10 siendo N la fecha de envio del pedido  de autorizacion para {Concepto}",
      own, afip, "`Concepto` 2 or 3 and `CbteFch` outside N−10…N+10",
-     [](const VoucherCheck& c) { return is_service(c) && !is_credit_invoice_note(c) && date_outside(c, 10, 10); }},
+     [](const VoucherCheck& c) { return is_service(c) && !is_credit_invoice_note(c) && date_outside(c, 10, 10); },
+     Emission::cae},
     {10016, rejects,
      "Campo CbteFch Debe estar comprendido  en el  rango  N-5 y N siendo N la fecha de envio del pedido de autorizacion para Facturas de Credito del tipo Nota de Debito o Nota de Credito",
      afip, afip, "a credit-invoice note (202, 203, 207, 208, 212, 213) with `CbteFch` outside N−5…N",
-     [](const VoucherCheck& c) { return is_credit_invoice_note(c) && date_outside(c, 5, 0); }},
+     [](const VoucherCheck& c) { return is_credit_invoice_note(c) && date_outside(c, 5, 0); }, Emission::cae},
+    {10016, rejects, "Campo CbteFch debe estar comprendido en la vigencia del CAEA (FchVigDesde a FchVigHasta).", own, own,
+     "`CbteFch` outside the CAEA's `FchVigDesde`…`FchVigHasta`",
+     [](const VoucherCheck& c) {
+         return c.caea && (c.detail.date < c.caea->valid_from || c.detail.date > c.caea->valid_to || !day_of_date(c.detail.date));
+     },
+     Emission::caea},
+    {1440, rejects, "El campo CbteFchHsGen es obligatorio y debe tener el formato yyyymmddhhmmss.", own, afip,
+     "`CbteFchHsGen` missing, or not a date and time yyyymmddhhmmss",
+     [](const VoucherCheck& c) { return !is_date_and_time(c.detail.generated_at); }, Emission::caea},
     {10152, rejects, "Para Concepto 1 (Productos) la fecha del comprobante no puede ser posterior al mes de envio del pedido.", own,
      afip, "`Concepto` 1 and `CbteFch` after N in a later month than N's",
      [](const VoucherCheck& c) {
          const auto date = day_of_date(c.detail.date);
          return c.detail.concept == 1 && date && *date > *today_of(c) && c.detail.date.substr(0, 6) > c.today.substr(0, 6);
-     }},
+     },
+     Emission::cae},
     {10049, rejects, "Si el Concepto es 2 o 3 (Servicios) los campos FchServDesde, FchServHasta y FchVtoPago son obligatorios.", own,
      afip, "`Concepto` 2 or 3 without `FchServDesde`, `FchServHasta` and `FchVtoPago`",
      [](const VoucherCheck& c) {
@@ -607,6 +637,21 @@ const std::vector<ConsultationError> consultation_error_list = {
      afip, "`MonId` PES"},
     {"FEParamGetCotizacion", 602, "No existen datos en nuestros registros para los parametros ingresados.", afip,
      "a `MonId` other than PES, DOL, 060, 012"},
+    {"FECAEASolicitar", 15007, "Los campos Periodo (yyyymm) y Orden (1 o 2) no son validos.", own,
+     "`Periodo` not a month or `Orden` neither 1 nor 2 (code chosen by the simulator)"},
+    {"FECAEASolicitar", 15006, "El CAEA solo puede solicitarse desde 5 dias antes del inicio de la quincena hasta su ultimo dia.",
+     own, "N earlier than 5 days before the fortnight's first day, or after its last"},
+    {"FECAEASolicitar", 15008, "Ya existe un CAEA otorgado para el Periodo y Orden informados. Consultar metodo FECAEAConsultar.",
+     own, "a CAEA was granted to the CUIT for that `Periodo` and `Orden` already (code chosen by the simulator)"},
+    {"FECAEASinMovimientoInformar", 602, "No existen datos en nuestros registros para los parametros ingresados.", afip,
+     "a `CAEA` not granted to the CUIT"},
+    {"FECAEASinMovimientoInformar", 10005,
+     "NO AUTORIZADO A INFORMAR COMPROBANTES - EL PUNTO DE VENTA INFORMADO DEBE ESTAR DADO DE ALTA PARA CAEA", own,
+     "`PtoVta` outside 1–99998, or not among `--caea-points-of-sale` when that is given"},
+    {"FECAEASinMovimientoInformar", 15009, "El plazo para informar los comprobantes emitidos con el CAEA vencio (FchTopeInf).", own,
+     "N after the CAEA's `FchTopeInf` (code chosen by the simulator)"},
+    {"FECAEASinMovimientoInformar", 15010, "El punto de venta informo comprobantes con el CAEA: no puede declararse sin movimiento.",
+     own, "the point of sale informed vouchers under that CAEA (code chosen by the simulator)"},
 };
 
 } // namespace
@@ -694,6 +739,8 @@ std::optional<VoucherDetail> read_voucher_detail(const pugi::xml_node& node, con
     detail.currency = text_by_local_name(node, {"MonId"});
     if (child_by_local_name(node, "MonCotiz"))
         detail.rate_to_peso = real_of(node, "MonCotiz");
+    detail.caea = text_by_local_name(node, {"CAEA"});
+    detail.generated_at = text_by_local_name(node, {"CbteFchHsGen"});
     detail.same_foreign_currency = text_by_local_name(node, {"CanMisMonExt"});
     detail.has_same_foreign_currency = child_by_local_name(node, "CanMisMonExt");
     if (child_by_local_name(node, "CondicionIVAReceptorId"))
@@ -757,8 +804,10 @@ std::string voucher_rules_table()
     std::string table = "| Code | Kind | `Msg` | Text | When |\n|---|---|---|---|---|\n";
     for (const VoucherRule& rule : rules)
         table += "| " + std::to_string(rule.code) + " | " + rule_kind_name(rule.kind) + " | `" + rule.text + "` | " +
-                 (rule.afip_text ? "AFIP's" : rule.afip_code ? "own" : "own, code too") + " | " + rule.condition + " |\n";
-    table += "\nThe consultations' own errors (`Errors/Err`, nothing else in the result but what the schema requires):\n\n"
+                 (rule.afip_text ? "AFIP's" : "own") + (rule.afip_code ? "" : rule.afip_text ? " (own use)" : ", code too") + " | " +
+                 (rule.emission == Emission::cae ? "CAE only: " : rule.emission == Emission::caea ? "CAEA only: " : "") +
+                 rule.condition + " |\n";
+    table += "\nThe other operations' own errors (`Errors/Err`, nothing else in the result but what the schema requires):\n\n"
              "| Operation | Code | `Msg` | Text | When |\n|---|---|---|---|---|\n";
     for (const ConsultationError& error : consultation_error_list)
         table += std::string("| `") + error.operation + "` | " + std::to_string(error.code) + " | `" + error.text + "` | " +

@@ -49,6 +49,8 @@ struct VoucherDetail {
     };
     bool has_associated = false; // a CbteAsoc or a PeriodoAsoc
     std::vector<Associated> associated;
+    std::string caea;         // FECAEADetRequest's CAEA
+    std::string generated_at; // FECAEADetRequest's CbteFchHsGen
     // The detail's elements in the order of AFIP's schema, for the answers that repeat them.
     std::string echo;
 };
@@ -74,12 +76,21 @@ struct VoucherCheck {
     std::string today;            // yyyymmdd in Argentina
     std::string receptor_condition_required_from; // yyyymmdd
     const Padron* padron = nullptr;
+    bool with_caea = false; // FECAEARegInformativo: the vouchers were issued under a CAEA
+    // The CAEA the voucher names, when it was granted to the issuer: its validity and deadline.
+    struct CaeaGrant {
+        std::string valid_from, valid_to, report_by; // yyyymmdd
+    };
+    std::optional<CaeaGrant> caea;
     // Whether an associated voucher was authorised by this simulator; nullptr: none was.
     std::function<bool(const std::string& cuit, const VoucherDetail::Associated&)> authorised;
 };
 
 // Err refuses the whole request; an Obs rejects its voucher (R) or is only a remark (A).
 enum class RuleKind { error, rejecting_observation, approving_observation };
+
+// Which requests a rule judges: both, FECAESolicitar's only, or FECAEARegInformativo's only.
+enum class Emission { any, cae, caea };
 
 struct VoucherRule {
     int code;
@@ -89,6 +100,12 @@ struct VoucherRule {
     bool afip_code;         // false: the reference records no code for this condition; the simulator chose it
     const char* condition;  // what the predicate checks, for the README
     bool (*applies)(const VoucherCheck&);
+    Emission emission = Emission::any;
+
+    bool judges(const VoucherCheck& check) const
+    {
+        return emission == Emission::any || (emission == Emission::caea) == check.with_caea;
+    }
 };
 
 // AFIP's rules for FECAESolicitar, in the order they are checked: Err first.
