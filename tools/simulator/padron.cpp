@@ -110,9 +110,11 @@ public:
     {
         static const char* const fields[] = {"tipoPersona", "razonSocial", "apellido", "nombre", "estadoClave",
                                              "domicilioFiscal", "impuestos", "categoriaMonotributo", "actividad", "condicionIva"};
-        for (const auto& [name, value] : m_entry.items())
+        for (const auto& item : m_entry.items()) {
+            const std::string name = item.key();
             if (std::find_if(std::begin(fields), std::end(fields), [&](const char* f) { return name == f; }) == std::end(fields))
                 fail("unknown field " + name);
+        }
         Person person;
         person.cuit = cuit;
         person.kind = text(m_entry, "tipoPersona", true);
