@@ -55,7 +55,8 @@ FORTNIGHT = [
     ("2026-07-24", "FECompConsultar", consult(7, 1), {"EmisionTipo": "CAEA", "CodAutorizacion": "{caea}",
                                                       "CbteFch": "20260705", "FchVto": ""}),
     ("2026-07-24", "FECompUltimoAutorizado", "<ar:PtoVta>7</ar:PtoVta><ar:CbteTipo>6</ar:CbteTipo>", {"CbteNro": "2"}),
-    ("2026-07-24", "FEParamGetPtosVenta", "", {"PtoVenta/EmisionTipo": "CAEA"}),
+    ("2026-07-24", "FECompUltimoAutorizado", "<ar:PtoVta>1</ar:PtoVta><ar:CbteTipo>6</ar:CbteTipo>",
+     {"CbteNro": "0", "Errors": None}),
 ]
 
 

@@ -195,9 +195,7 @@ bool InvoicingService::registered_for(long long point_of_sale, bool with_caea) c
 
 bool InvoicingService::known_point_of_sale(long long point_of_sale) const
 {
-    const std::set<long long>& cae = m_settings.points_of_sale;
-    const std::set<long long>& caea = m_settings.caea_points_of_sale;
-    return (cae.empty() && caea.empty()) || cae.count(point_of_sale) || caea.count(point_of_sale);
+    return registered_for(point_of_sale, false) || registered_for(point_of_sale, true);
 }
 
 void InvoicingService::load(const nlohmann::json& saved)
@@ -366,7 +364,7 @@ std::string InvoicingService::records_per_request(const pugi::xml_node&, const s
 std::string InvoicingService::points_of_sale(const pugi::xml_node&, const std::string& cuit)
 {
     std::map<long long, const char*> points;
-    if (m_settings.points_of_sale.empty() && m_settings.caea_points_of_sale.empty()) {
+    if (m_settings.points_of_sale.empty()) {
         points[1] = "CAE";
         std::lock_guard<std::mutex> lock(m_mutex);
         const auto used = m_points_of_sale.find(cuit);

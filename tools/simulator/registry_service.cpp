@@ -125,7 +125,7 @@ Reply RegistryService::handle(const std::string& request_body) const
     std::vector<std::string> ids;
     for (const pugi::xml_node& child : operation.children())
         if (child.type() == pugi::node_element && local_name(child) == (operation_name == "getIdPersonaListByDocumento" ? "documento" : "idPersona"))
-            ids.push_back(child.text().get());
+            ids.push_back(text_by_local_name(child, {}));
     const bool by_document = operation_name == "getIdPersonaListByDocumento";
     const bool list = operation_name.rfind("getPersonaList", 0) == 0;
     if (ids.empty() || (ids.size() > 1 && !list))

@@ -88,7 +88,8 @@ std::optional<Ticket> TicketRegistry::issue(const std::string& certificate_finge
         old = old->second.expires + kept_after_expiry < now ? m_tickets_by_token.erase(old) : std::next(old);
     m_last_by_certificate_and_service[{certificate_fingerprint, service}] = ticket.token;
     m_tickets_by_token[ticket.token] = ticket;
-    m_state.save("tickets", snapshot());
+    if (m_state.persistent())
+        m_state.save("tickets", snapshot());
     return ticket;
 }
 
