@@ -18,8 +18,12 @@ const char envelope_start[] =
     "xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\">";
 
 constexpr long long cae_validity_days = 10;
-constexpr long long caea_report_days = 8; // after the CAEA's fortnight, to report its vouchers
+constexpr long long caea_report_days = 8;       // after the CAEA's fortnight, to report its vouchers
+constexpr long long caea_request_days_ahead = 5; // a CAEA may be asked for from 5 days before its fortnight
 const char no_data[] = "No existen datos en nuestros registros para los parametros ingresados.";
+const char wsfev1_service_name[] = "wsfe";
+// The reference records no text for a token AFIP never issued: the simulator's own words.
+const char unknown_token_text[] = "ValidacionDeToken: No validaron las credenciales";
 
 std::string element(const std::string& name, const std::string& text)
 {
@@ -107,22 +111,42 @@ std::optional<long long> whole_number(const std::string& text, bool wide = false
 // What the service says of the Auth element: empty when it accepts it, else the Err 600 text.
 std::string token_problem(const TicketRegistry& tickets, const pugi::xml_node& auth)
 {
-    const std::optional<Ticket> ticket = tickets.find(text_by_local_name(auth, {"Token"}), text_by_local_name(auth, {"Sign"}));
-    if (!ticket)
-        return "ValidacionDeToken: No validaron las credenciales";
-    const WallClock::time_point now = WallClock::now();
-    if (now < ticket->generated || now >= ticket->expires) {
-        const auto stamp = [](WallClock::time_point when) {
-            return std::to_string(std::chrono::duration_cast<std::chrono::seconds>(when.time_since_epoch()).count()) +
-                   " (" + format_utc_clock(when) + ")";
-        };
-        return "ValidacionDeToken: No validaron las fechas del token GenTime, ExpTime, NowUTC: " +
-               stamp(ticket->generated) + ", " + stamp(ticket->expires) + ", " + stamp(now);
-    }
     const std::string cuit = text_by_local_name(auth, {"Cuit"});
-    if (std::find(ticket->relations.begin(), ticket->relations.end(), cuit) == ticket->relations.end())
-        return "ValidacionDeToken: No aparecio CUIT en lista de relaciones: " + cuit;
-    return {};
+    const TicketCheck check =
+        tickets.check(text_by_local_name(auth, {"Token"}), text_by_local_name(auth, {"Sign"}), wsfev1_service_name, cuit);
+    const auto stamp = [](WallClock::time_point when) {
+        return std::to_string(std::chrono::duration_cast<std::chrono::seconds>(when.time_since_epoch()).count()) + " (" +
+               format_utc_clock(when) + ")";
+    };
+    switch (check.problem) {
+    case TicketProblem::none:
+        return {};
+    case TicketProblem::empty:
+        return "ValidacionDeToken: Parametro nulo o vacio";
+    case TicketProblem::unknown_token:
+        return unknown_token_text;
+    case TicketProblem::wrong_sign:
+        return "ValidacionDeToken: Error al verificar hash: VerificacionDeHash: No validó la firma digital.";
+    case TicketProblem::other_service:
+        return std::string("ValidacionDeToken: No valido Id Sistema: ") + wsfev1_service_name +
+               "(Id Sistema de token es: " + check.ticket->service + ")";
+    case TicketProblem::expired:
+        return "ValidacionDeToken: No validaron las fechas del token GenTime, ExpTime, NowUTC: " + stamp(check.ticket->generated) +
+               ", " + stamp(check.ticket->expires) + ", " + stamp(WallClock::now());
+    case TicketProblem::unrelated_cuit:
+        break;
+    }
+    return "ValidacionDeToken: No aparecio CUIT en lista de relaciones: " + cuit;
+}
+
+std::string refusal(const char* operation, int code)
+{
+    return errors(code, consultation_error(operation, code).text);
+}
+
+bool valid_point_of_sale(long long point_of_sale)
+{
+    return point_of_sale >= 1 && point_of_sale <= highest_point_of_sale;
 }
 
 // The number in an element of an answer's fields, 0 when absent.
@@ -134,9 +158,88 @@ long long text_between(const std::string& fields, const std::string& name)
 
 } // namespace
 
-InvoicingService::InvoicingService(const TicketRegistry& tickets, InvoicingSettings settings)
-    : m_tickets(tickets), m_settings(std::move(settings))
+InvoicingService::InvoicingService(const TicketRegistry& tickets, const Padron& padron, InvoicingSettings settings,
+                                   StateFile& state)
+    : m_tickets(tickets), m_padron(padron), m_settings(std::move(settings)), m_state(state)
 {
+    const nlohmann::json saved = state.section("invoicing");
+    if (saved.is_null())
+        return;
+    try {
+        load(saved);
+    } catch (const nlohmann::json::exception& error) {
+        throw std::runtime_error(std::string("the state's vouchers cannot be read: ") + error.what());
+    }
+}
+
+std::string InvoicingService::today() const
+{
+    return m_settings.today.empty() ? argentina_today() : m_settings.today;
+}
+
+std::string InvoicingService::processed_now() const
+{
+    return today() + format_argentina_date(WallClock::now(), true).substr(8);
+}
+
+bool InvoicingService::registered_for(long long point_of_sale, bool with_caea) const
+{
+    const std::set<long long>& cae = m_settings.points_of_sale;
+    const std::set<long long>& caea = m_settings.caea_points_of_sale;
+    if (!valid_point_of_sale(point_of_sale))
+        return false;
+    if (with_caea)
+        return caea.empty() || caea.count(point_of_sale);
+    return !caea.count(point_of_sale) && (cae.empty() || cae.count(point_of_sale));
+}
+
+bool InvoicingService::known_point_of_sale(long long point_of_sale) const
+{
+    return registered_for(point_of_sale, false) || registered_for(point_of_sale, true);
+}
+
+void InvoicingService::load(const nlohmann::json& saved)
+{
+    for (const nlohmann::json& entry : saved.at("series")) {
+        const Series series{entry.at("cuit"), entry.at("point_of_sale"), entry.at("type")};
+        m_last_number[series] = entry.at("last_number");
+        m_last_date[series] = entry.at("last_date");
+    }
+    for (const nlohmann::json& entry : saved.at("vouchers"))
+        m_vouchers[{{entry.at("cuit"), entry.at("point_of_sale"), entry.at("type")}, entry.at("number")}] =
+            Voucher{entry.at("fields"), entry.at("observations"), entry.at("authorisation"), entry.at("emission"),
+                    entry.at("expiry"), entry.at("processed")};
+    for (const auto& [cuit, points] : saved.at("points_of_sale").items())
+        m_points_of_sale[cuit] = points.get<std::set<long long>>();
+    for (const nlohmann::json& entry : saved.at("caeas"))
+        m_caeas[{entry.at("cuit"), entry.at("period"), entry.at("order")}] =
+            Caea{entry.at("code"), entry.at("valid_from"), entry.at("valid_to"), entry.at("report_by"), entry.at("processed")};
+    for (const nlohmann::json& entry : saved.at("no_movement"))
+        m_no_movement.emplace_back(entry.at("cuit"), entry.at("caea"), entry.at("point_of_sale"), entry.at("processed"));
+}
+
+void InvoicingService::save()
+{
+    if (!m_state.persistent())
+        return;
+    nlohmann::json series = nlohmann::json::array(), vouchers = nlohmann::json::array(), caeas = nlohmann::json::array(),
+                   no_movement = nlohmann::json::array();
+    for (const auto& [key, number] : m_last_number)
+        series.push_back({{"cuit", std::get<0>(key)}, {"point_of_sale", std::get<1>(key)}, {"type", std::get<2>(key)},
+                          {"last_number", number}, {"last_date", m_last_date[key]}});
+    for (const auto& [key, voucher] : m_vouchers)
+        vouchers.push_back({{"cuit", std::get<0>(key.first)}, {"point_of_sale", std::get<1>(key.first)},
+                            {"type", std::get<2>(key.first)}, {"number", key.second}, {"fields", voucher.fields},
+                            {"observations", voucher.observations}, {"authorisation", voucher.authorisation},
+                            {"emission", voucher.emission}, {"expiry", voucher.expiry}, {"processed", voucher.processed}});
+    for (const auto& [key, caea] : m_caeas)
+        caeas.push_back({{"cuit", std::get<0>(key)}, {"period", std::get<1>(key)}, {"order", std::get<2>(key)},
+                         {"code", caea.code}, {"valid_from", caea.valid_from}, {"valid_to", caea.valid_to},
+                         {"report_by", caea.report_by}, {"processed", caea.processed}});
+    for (const auto& [cuit, caea, point, processed] : m_no_movement)
+        no_movement.push_back({{"cuit", cuit}, {"caea", caea}, {"point_of_sale", point}, {"processed", processed}});
+    m_state.save("invoicing", {{"series", series}, {"vouchers", vouchers}, {"points_of_sale", m_points_of_sale},
+                               {"caeas", caeas}, {"no_movement", no_movement}});
 }
 
 Reply InvoicingService::handle(const std::string& request_body, const std::optional<std::string>& soap_action)
@@ -228,13 +331,16 @@ Reply InvoicingService::operate(const std::string& name, const pugi::xml_node& o
 std::string InvoicingService::receiver_conditions(const pugi::xml_node& operation, const std::string&)
 {
     const std::string voucher_class = text_by_local_name(operation, {"ClaseCmp"});
+    static const char* const classes[] = {"A", "M", "B", "C", "49"};
+    if (!voucher_class.empty() && std::find(std::begin(classes), std::end(classes), voucher_class) == std::end(classes))
+        return refusal("FEParamGetCondicionIvaReceptor", 10244);
     std::string conditions;
     for (const ReceptorCondition& condition : receptor_conditions())
-        if (voucher_class.empty() || std::string(condition.classes).find(voucher_class) != std::string::npos)
+        if (voucher_class.empty() || condition_allows_class(condition.classes, voucher_class))
             conditions += "<CondicionIvaReceptor>" + element("Id", std::to_string(condition.id)) +
                           element("Desc", condition.description) + element("Cmp_Clase", condition.classes) +
                           "</CondicionIvaReceptor>";
-    return conditions.empty() ? errors(602, no_data) : "<ResultGet>" + conditions + "</ResultGet>";
+    return "<ResultGet>" + conditions + "</ResultGet>";
 }
 
 std::string InvoicingService::quotation(const pugi::xml_node& operation, const std::string&)
@@ -242,10 +348,12 @@ std::string InvoicingService::quotation(const pugi::xml_node& operation, const s
     const std::string currency = text_by_local_name(operation, {"MonId"});
     const auto& table = quotations();
     const auto found = std::find_if(table.begin(), table.end(), [&](const auto& quotation) { return currency == quotation.first; });
+    if (currency == "PES")
+        return refusal("FEParamGetCotizacion", 602);
     if (found == table.end())
         return errors(602, no_data);
-    return "<ResultGet>" + element("MonId", currency) + element("MonCotiz", found->second) +
-           element("FchCotiz", format_argentina_date(WallClock::now())) + "</ResultGet>";
+    return "<ResultGet>" + element("MonId", currency) + element("MonCotiz", found->second) + element("FchCotiz", today()) +
+           "</ResultGet>";
 }
 
 std::string InvoicingService::records_per_request(const pugi::xml_node&, const std::string&)
@@ -255,17 +363,23 @@ std::string InvoicingService::records_per_request(const pugi::xml_node&, const s
 
 std::string InvoicingService::points_of_sale(const pugi::xml_node&, const std::string& cuit)
 {
-    std::set<long long> points{1};
-    {
+    std::map<long long, const char*> points;
+    if (m_settings.points_of_sale.empty()) {
+        points[1] = "CAE";
         std::lock_guard<std::mutex> lock(m_mutex);
         const auto used = m_points_of_sale.find(cuit);
         if (used != m_points_of_sale.end())
-            points.insert(used->second.begin(), used->second.end());
+            for (const long long point : used->second)
+                points[point] = "CAE";
     }
+    for (const long long point : m_settings.points_of_sale)
+        points[point] = "CAE";
+    for (const long long point : m_settings.caea_points_of_sale)
+        points[point] = "CAEA";
     std::string list;
-    for (const long long point : points)
-        list += "<PtoVenta>" + element("Nro", std::to_string(point)) +
-                "<EmisionTipo>CAE</EmisionTipo><Bloqueado>N</Bloqueado><FchBaja>NULL</FchBaja></PtoVenta>";
+    for (const auto& [point, emission] : points)
+        list += "<PtoVenta>" + element("Nro", std::to_string(point)) + element("EmisionTipo", emission) +
+                "<Bloqueado>N</Bloqueado><FchBaja>NULL</FchBaja></PtoVenta>";
     return "<ResultGet>" + list + "</ResultGet>";
 }
 
@@ -275,6 +389,13 @@ std::string InvoicingService::last_authorised(const pugi::xml_node& operation, c
     const auto voucher_type = whole_number(text_by_local_name(operation, {"CbteTipo"}));
     if (!point_of_sale || !voucher_type)
         return {};
+    const char* const operation_name = "FECompUltimoAutorizado";
+    const int problem = !valid_point_of_sale(*point_of_sale)                                  ? 11000
+                        : !parameter_exists("FEParamGetTiposCbte", std::to_string(*voucher_type)) ? 11001
+                        : !known_point_of_sale(*point_of_sale)                                ? 11002
+                                                                                               : 0;
+    if (problem)
+        return "<PtoVta>0</PtoVta><CbteTipo>0</CbteTipo><CbteNro>0</CbteNro>" + refusal(operation_name, problem);
     std::lock_guard<std::mutex> lock(m_mutex);
     const auto found = m_last_number.find({cuit, *point_of_sale, *voucher_type});
     return element("PtoVta", std::to_string(*point_of_sale)) + element("CbteTipo", std::to_string(*voucher_type)) +
@@ -300,11 +421,9 @@ std::string InvoicingService::judge(const pugi::xml_node& request, const std::st
     const auto voucher_type = whole_number(text_by_local_name(request, {"FeCabReq", "CbteTipo"}));
     if (!declared || !point_of_sale || !voucher_type)
         return {};
-    const WallClock::time_point now = WallClock::now();
-    const std::string today = format_argentina_date(now);
-    const std::string processed = format_argentina_date(now, true);
+    const std::string today = this->today();
+    const std::string processed = processed_now();
     std::vector<VoucherDetail> details;
-    std::vector<std::string> caeas;
     for (const pugi::xml_node& node : child_by_local_name(request, "FeDetReq").children()) {
         if (node.type() != pugi::node_element || local_name(node) != (with_caea ? "FECAEADetRequest" : "FECAEDetRequest"))
             continue;
@@ -312,7 +431,6 @@ std::string InvoicingService::judge(const pugi::xml_node& request, const std::st
         if (!detail)
             return {};
         details.push_back(std::move(*detail));
-        caeas.push_back(text_by_local_name(node, {"CAEA"}));
     }
 
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -323,27 +441,33 @@ std::string InvoicingService::judge(const pugi::xml_node& request, const std::st
     check.declared_count = *declared;
     check.sent_count = details.size();
     check.voucher_type = *voucher_type;
+    check.point_of_sale = *point_of_sale;
+    check.point_of_sale_registered = registered_for(*point_of_sale, with_caea);
     check.issuer = cuit;
     check.today = today;
     check.receptor_condition_required_from = m_settings.receptor_condition_required_from;
-    check.padron = &m_settings.padron;
+    check.padron = &m_padron;
+    check.authorised = [&](const std::string& owner, const VoucherDetail::Associated& voucher) {
+        return m_vouchers.count({{owner, voucher.point_of_sale, voucher.type}, voucher.number}) > 0;
+    };
     check.next_number = last == m_last_number.end() ? 1 : last->second + 1;
     check.last_date = last_date == m_last_date.end() ? "" : last_date->second;
 
-    std::optional<std::pair<int, std::string>> refusal;
-    const auto granted = [&](const std::string& code) {
-        return std::any_of(m_caeas.begin(), m_caeas.end(),
-                           [&](const auto& entry) { return std::get<0>(entry.first) == cuit && entry.second.code == code; });
+    check.with_caea = with_caea;
+    const auto use_detail = [&](const VoucherDetail& detail) {
+        check.detail = detail;
+        const Caea* caea = granted_caea(cuit, detail.caea);
+        check.caea = caea ? std::optional(VoucherCheck::CaeaGrant{caea->valid_from, caea->valid_to, caea->report_by}) : std::nullopt;
     };
+
+    std::optional<std::pair<int, std::string>> refusal;
     for (size_t i = 0; i < std::max<size_t>(details.size(), 1) && !refusal; ++i) {
-        check.detail = details.empty() ? VoucherDetail{} : details[i];
+        use_detail(details.empty() ? VoucherDetail{} : details[i]);
         for (const VoucherRule& rule : voucher_rules())
-            if (rule.kind == RuleKind::error && rule.applies(check)) {
+            if (rule.kind == RuleKind::error && rule.judges(check) && rule.applies(check)) {
                 refusal = std::pair(rule.code, rule_message(rule, check));
                 break;
             }
-        if (!refusal && with_caea && !granted(caeas[i]))
-            refusal = std::pair(602, std::string(no_data));
         // Unrefused, the number is at most 99999999: the next one cannot overflow.
         if (!refusal) {
             check.next_number = check.detail.last + 1;
@@ -355,12 +479,12 @@ std::string InvoicingService::judge(const pugi::xml_node& request, const std::st
     size_t approved = 0;
     bool stopped = refusal.has_value();
     for (size_t i = 0; i < details.size(); ++i) {
-        check.detail = details[i];
+        use_detail(details[i]);
         std::string observations;
         bool rejected = stopped;
         if (!stopped)
             for (const VoucherRule& rule : voucher_rules())
-                if (rule.kind != RuleKind::error && rule.applies(check)) {
+                if (rule.kind != RuleKind::error && rule.judges(check) && rule.applies(check)) {
                     observations += "<Obs>" + element("Code", std::to_string(rule.code)) +
                                     element("Msg", rule_message(rule, check)) + "</Obs>";
                     rejected = rejected || rule.kind == RuleKind::rejecting_observation;
@@ -371,7 +495,7 @@ std::string InvoicingService::judge(const pugi::xml_node& request, const std::st
         Voucher voucher{detail.echo, observations, "", with_caea ? "CAEA" : "CAE", "", processed};
         if (!rejected) {
             const long long day = day_of_date(detail.date).value_or(*day_of_date(today));
-            voucher.authorisation = with_caea ? caeas[i] : random_digits(14);
+            voucher.authorisation = with_caea ? detail.caea : random_digits(14);
             voucher.expiry = with_caea ? "" : date_of_day(day + cae_validity_days);
             m_vouchers[{series, detail.first}] = voucher;
             m_last_number[series] = detail.last;
@@ -382,11 +506,14 @@ std::string InvoicingService::judge(const pugi::xml_node& request, const std::st
         // The answer repeats the request's fields up to the date.
         const std::string head = detail.echo.substr(0, detail.echo.find("<ImpTotal>")) +
                                  element("Resultado", rejected ? "R" : "A") + observations;
-        detail_results += with_caea ? "<FECAEADetResponse>" + head + element("CAEA", caeas[i]) + "</FECAEADetResponse>"
+        detail_results += with_caea ? "<FECAEADetResponse>" + head + element("CAEA", detail.caea) + "</FECAEADetResponse>"
                                     : "<FECAEDetResponse>" + head + element("CAE", voucher.authorisation) +
                                           element("CAEFchVto", voucher.expiry) + "</FECAEDetResponse>";
     }
-    m_points_of_sale[cuit].insert(*point_of_sale);
+    if (approved > 0) {
+        m_points_of_sale[cuit].insert(*point_of_sale);
+        save();
+    }
 
     const char* outcome = approved == details.size() && approved > 0 ? "A" : approved == 0 ? "R" : "P";
     const std::string header = "<FeCabResp>" + element("Cuit", cuit) + element("PtoVta", std::to_string(*point_of_sale)) +
@@ -404,6 +531,14 @@ std::string InvoicingService::consult(const pugi::xml_node& operation, const std
     const auto point_of_sale = whole_number(text_by_local_name(query, {"PtoVta"}));
     if (!voucher_type || !number || !point_of_sale)
         return {};
+    const char* const operation_name = "FECompConsultar";
+    const int problem = !valid_point_of_sale(*point_of_sale)                                  ? 10200
+                        : !parameter_exists("FEParamGetTiposCbte", std::to_string(*voucher_type)) ? 10201
+                        : *number < 1 || *number > highest_voucher_number                     ? 10202
+                        : !known_point_of_sale(*point_of_sale)                                ? 10104
+                                                                                               : 0;
+    if (problem)
+        return refusal(operation_name, problem);
     std::lock_guard<std::mutex> lock(m_mutex);
     // Vouchers are kept by their first number; a range answers for every number in it.
     const Series series{cuit, *point_of_sale, *voucher_type};
@@ -428,19 +563,31 @@ std::string InvoicingService::request_caea(const pugi::xml_node& operation, cons
         return {};
     const auto first_day = day_of_date(std::to_string(*period) + (*order == 2 ? "16" : "01"));
     if (!first_day || (*order != 1 && *order != 2))
-        return errors(15007, "Los campos Periodo (yyyymm) y Orden (1 o 2) no son validos.");
+        return refusal("FECAEASolicitar", 15007);
+    // A fortnight: days 1 to 15, or 16 to the month's end.
+    const long long last_day = *order == 1 ? *first_day + 14 : *day_of_date(date_of_day(*first_day + 16).substr(0, 6) + "01") - 1;
+    const long long today = *day_of_date(this->today());
+    if (today < *first_day - caea_request_days_ahead || today > last_day)
+        return refusal("FECAEASolicitar", 15006);
     std::lock_guard<std::mutex> lock(m_mutex);
     Caea& caea = m_caeas[{cuit, *period, *order}];
-    if (caea.code.empty()) {
-        // A fortnight: days 1 to 15, or 16 to the month's end.
-        const long long last_day = *order == 1 ? *first_day + 14 : *day_of_date(date_of_day(*first_day + 16).substr(0, 6) + "01") - 1;
-        caea = {random_digits(14), date_of_day(*first_day), date_of_day(last_day), date_of_day(last_day + caea_report_days),
-                format_argentina_date(WallClock::now(), true)};
-    }
+    if (!caea.code.empty())
+        return refusal("FECAEASolicitar", 15008);
+    caea = {random_digits(14), date_of_day(*first_day), date_of_day(last_day), date_of_day(last_day + caea_report_days),
+            processed_now()};
+    save();
     return "<ResultGet>" + element("CAEA", caea.code) + element("Periodo", std::to_string(*period)) +
            element("Orden", std::to_string(*order)) + element("FchVigDesde", caea.valid_from) +
            element("FchVigHasta", caea.valid_to) + element("FchTopeInf", caea.report_by) +
            element("FchProceso", caea.processed) + "</ResultGet>";
+}
+
+const InvoicingService::Caea* InvoicingService::granted_caea(const std::string& cuit, const std::string& code) const
+{
+    const auto found = std::find_if(m_caeas.begin(), m_caeas.end(), [&](const auto& entry) {
+        return std::get<0>(entry.first) == cuit && !code.empty() && entry.second.code == code;
+    });
+    return found == m_caeas.end() ? nullptr : &found->second;
 }
 
 std::string InvoicingService::consult_caea(const pugi::xml_node& operation, const std::string& cuit)
@@ -466,15 +613,29 @@ std::string InvoicingService::inform_no_movement(const pugi::xml_node& operation
     const std::string code = text_by_local_name(operation, {"CAEA"});
     if (!point_of_sale)
         return {};
-    const std::string processed = format_argentina_date(WallClock::now(), true);
+    const std::string processed = processed_now();
     std::lock_guard<std::mutex> lock(m_mutex);
-    const bool granted = std::any_of(m_caeas.begin(), m_caeas.end(), [&](const auto& entry) {
-        return std::get<0>(entry.first) == cuit && entry.second.code == code;
+    const Caea* caea = granted_caea(cuit, code);
+    const auto informed_there = [&] {
+        return std::any_of(m_vouchers.begin(), m_vouchers.end(), [&](const auto& entry) {
+            return std::get<0>(entry.first.first) == cuit && std::get<1>(entry.first.first) == *point_of_sale &&
+                   entry.second.emission == "CAEA" && entry.second.authorisation == code;
+        });
+    };
+    const int problem = !caea                                         ? 602
+                        : !registered_for(*point_of_sale, true)       ? 10005
+                        : today() > caea->report_by                   ? 15009
+                        : informed_there()                            ? 15010
+                                                                      : 0;
+    const bool declared = std::any_of(m_no_movement.begin(), m_no_movement.end(), [&](const auto& entry) {
+        return std::get<0>(entry) == cuit && std::get<1>(entry) == code && std::get<2>(entry) == *point_of_sale;
     });
-    if (granted)
+    if (!problem && !declared) {
         m_no_movement.emplace_back(cuit, code, *point_of_sale, processed);
+        save();
+    }
     return element("CAEA", code) + element("FchProceso", processed) + element("PtoVta", std::to_string(*point_of_sale)) +
-           element("Resultado", granted ? "A" : "R") + (granted ? "" : errors(602, no_data));
+           element("Resultado", problem ? "R" : "A") + (problem ? refusal("FECAEASinMovimientoInformar", problem) : "");
 }
 
 std::string InvoicingService::consult_no_movement(const pugi::xml_node& operation, const std::string& cuit)

@@ -213,8 +213,12 @@ Reply LoginService::login_cms(const std::string& request_body)
     if (const auto refusal = read_login_request(request_body, request))
         return fault_reply(*refusal, request.service);
 
-    if (std::find(m_authorised_services.begin(), m_authorised_services.end(), request.service) ==
-        m_authorised_services.end())
+    // The constancia's service was once logged in to by the name ws_sr_padron_a5; AFIP now refuses it.
+    static const char* const retired_services[] = {"ws_sr_padron_a5"};
+    const bool retired = std::find(std::begin(retired_services), std::end(retired_services), request.service) !=
+                         std::end(retired_services);
+    if (retired ||
+        std::find(m_authorised_services.begin(), m_authorised_services.end(), request.service) == m_authorised_services.end())
         return fault_reply({"coe.notAuthorized", "Computador no autorizado a acceder al servicio"}, request.service);
 
     std::vector<std::string> relations = m_relations;

@@ -17,15 +17,20 @@
 #include "identity.h"
 #include "invoicing_service.h"
 #include "login_service.h"
+#include "registry_service.h"
 #include "options.h"
 #include "scripted_answers.h"
 #include "service_descriptions.h"
+#include "state_file.h"
 #include "ticket_registry.h"
 #include "voucher_rules.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+
+const char constancia_path[] = "/sr-padron/webservices/personaServiceA5";
+const char a13_path[] = "/sr-padron/webservices/personaServiceA13";
 
 // Room for the large answers a host's test may queue.
 constexpr size_t largest_request_bytes = 64 * 1024 * 1024;
@@ -270,11 +275,19 @@ int run_server(const Options& options)
 {
     RequestLog log;
     StopFlag stopping;
-    TicketRegistry tickets(std::chrono::seconds(options.ticket_seconds), std::chrono::seconds(options.refuse_relogin_seconds));
+    StateFile state(options.state_file);
+    TicketRegistry tickets(std::chrono::seconds(options.ticket_seconds), std::chrono::seconds(options.refuse_relogin_seconds),
+                           state);
     LoginService login(options.services, options.relations, tickets);
-    InvoicingSettings settings{options.padron_file.empty() ? Padron() : Padron::from_file(options.padron_file),
-                               options.receptor_condition_required_from, options.events};
-    InvoicingService invoicing(tickets, std::move(settings));
+    // A padrón given now replaces the one the state kept; without either, the built-in one.
+    const nlohmann::json kept_padron = state.section("padron");
+    const Padron padron = !options.padron_file.empty() ? Padron::from_file(options.padron_file)
+                          : kept_padron.is_null()      ? Padron()
+                                                       : Padron::from_json(kept_padron, options.state_file);
+    state.save("padron", padron.to_json());
+    InvoicingSettings settings{options.receptor_condition_required_from, options.events, options.today,
+                               options.points_of_sale, options.caea_points_of_sale};
+    InvoicingService invoicing(tickets, padron, std::move(settings), state);
     ScriptedAnswers scripted;
     Routes route(log, scripted, stopping);
 
@@ -329,8 +342,14 @@ int run_server(const Options& options)
                          request.has_header("SOAPAction") ? std::optional(request.get_header_value("SOAPAction")) : std::nullopt;
                      return invoicing.handle(request.body, soap_action);
                  }));
+    const RegistryService constancia(RegistryService::Kind::constancia, tickets, padron);
+    const RegistryService a13(RegistryService::Kind::a13, tickets, padron);
+    for (const auto& [path, registry] : {std::pair{constancia_path, &constancia}, std::pair{a13_path, &a13}})
+        server->Post(path, route([registry = registry](const httplib::Request& request) { return registry->handle(request.body); }));
     for (const auto& [path, description] : {std::pair{"/ws/services/LoginCms", wsaa_description},
-                                            std::pair{"/wsfev1/service.asmx", wsfev1_description}})
+                                            std::pair{"/wsfev1/service.asmx", wsfev1_description},
+                                            std::pair{constancia_path, registry_a5_description},
+                                            std::pair{a13_path, registry_a13_description}})
         server->Get(path, route([&, path = std::string(path), description = description](const httplib::Request& request) {
                         if (!request.has_param("wsdl") && !request.has_param("WSDL"))
                             return text_reply(404, "not found: add ?wsdl for the service description", "-> not found");

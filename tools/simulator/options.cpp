@@ -30,6 +30,14 @@ std::vector<std::string> split_list(const std::string& option, const std::string
     return items;
 }
 
+// "YYYY-MM-DD" as yyyymmdd, or std::invalid_argument naming the option.
+std::string parse_date(const std::string& option, const std::string& date)
+{
+    if (date.size() != 10 || date[4] != '-' || date[7] != '-' || !day_of_date(date.substr(0, 4) + date.substr(5, 2) + date.substr(8, 2)))
+        throw std::invalid_argument(option + " expects a date YYYY-MM-DD, not '" + date + "'");
+    return date.substr(0, 4) + date.substr(5, 2) + date.substr(8, 2);
+}
+
 } // namespace
 
 long parse_whole_number(const std::string& what, const std::string& text, long minimum, long maximum)
@@ -102,13 +110,19 @@ Options parse_options(int argc, char** argv)
         } else if (option == "--max-seconds") {
             options.max_seconds = parse_whole_number(option, take_value(), 0, unlimited);
         } else if (option == "--receptor-condition-required-from") {
-            const std::string date = take_value();
-            if (date.size() != 10 || date[4] != '-' || date[7] != '-' ||
-                !day_of_date(date.substr(0, 4) + date.substr(5, 2) + date.substr(8, 2)))
-                throw std::invalid_argument(option + " expects a date YYYY-MM-DD, not '" + date + "'");
-            options.receptor_condition_required_from = date.substr(0, 4) + date.substr(5, 2) + date.substr(8, 2);
+            options.receptor_condition_required_from = parse_date(option, take_value());
+        } else if (option == "--today") {
+            options.today = parse_date(option, take_value());
         } else if (option == "--padron") {
             options.padron_file = take_value();
+        } else if (option == "--state") {
+            options.state_file = take_value();
+            if (options.state_file.empty())
+                throw std::invalid_argument("--state needs a file name");
+        } else if (option == "--points-of-sale" || option == "--caea-points-of-sale") {
+            std::set<long long>& points = option == "--points-of-sale" ? options.points_of_sale : options.caea_points_of_sale;
+            for (const std::string& point : split_list(option, take_value(), false))
+                points.insert(parse_whole_number(option, point, 1, 99998));
         } else if (option == "--event") {
             const std::string event = take_value();
             const size_t colon = event.find(':');
@@ -149,6 +163,10 @@ Options parse_options(int argc, char** argv)
         throw std::invalid_argument("--password, --cn, --cuit and --expired go with --make-certificate");
     if (!options.certificate_output.empty() && !options.password_given)
         throw std::invalid_argument("--make-certificate needs --password");
+    for (const long long point : options.points_of_sale)
+        if (options.caea_points_of_sale.count(point))
+            throw std::invalid_argument("point of sale " + std::to_string(point) +
+                                        " is in both --points-of-sale and --caea-points-of-sale");
     if (!options.certificate_output.empty() && options.certificate_common_name.empty())
         throw std::invalid_argument("--cn needs a non-empty name");
     return options;
@@ -171,7 +189,9 @@ Server options:
   --legacy-tls            TLS 1.2 at most, key exchange only by DHE-RSA with a 1024-bit group:
                           what a current client refuses unless it lowers its security level
   --port-file FILE        write the bound port and a newline to FILE once listening
-  --services LIST         comma-separated services the login endpoint authorises (default wsfe)
+  --services LIST         comma-separated services the login endpoint authorises (default wsfe,
+                          ws_sr_constancia_inscripcion,ws_sr_padron_a13; ws_sr_padron_a5, the
+                          constancia's old name, is always refused)
   --ticket-seconds N      lifetime of issued access tickets (default 43200)
   --refuse-relogin-seconds N
                           while a ticket is valid, a second login for the same certificate and
@@ -182,27 +202,35 @@ Server options:
   --service-delay-ms N    the invoicing endpoint waits N ms before answering (default 0)
   --non-xml-answer        the invoicing endpoint answers 200 with a plain-text body
   --max-seconds N         stop after N seconds; 0 runs until SIGINT or SIGTERM (default 0)
+  --state FILE            keep tickets, numbering, vouchers, CAEAs and the padron in FILE (JSON,
+                          rewritten atomically at every change) and start from it: a restart
+                          forgets nothing. Without it everything is kept in memory
 
 Invoicing rules:
   --receptor-condition-required-from YYYY-MM-DD
                           from this date (Argentina's) a voucher without CondicionIVAReceptorId
                           is rejected with Obs 10246; before it, approved with Obs 10245
                           (default 2026-12-01, RG 5616 in production)
-  --padron FILE           the registered CUITs: a JSON object {"<11 digits>": <condition id of
-                          FEParamGetCondicionIvaReceptor>, ...}; it decides Obs 10015, 10017,
-                          10063 and 10217. Without it a built-in padron holds:
-                            1 IVA Responsable Inscripto   20111111112 (the certificates' CUIT),
-                                                          30500010912
-                            4 IVA Sujeto Exento           30711111111
-                            5 Consumidor Final            20333333334
-                            6 Responsable Monotributo     20222222223, 30000000007
-                            7 Sujeto No Categorizado      23000000000
-                            8 Proveedor del Exterior      30722222225
-                            9 Cliente del Exterior        30733333339
-                           10 IVA Liberado - Ley 19.640   20555555556
-                           13 Monotributista Social       27666666661
-                           15 IVA No Alcanzado            30744444442
-                           16 Monotributo Trabajador Independiente Promovido  20777777778
+  --padron FILE           the taxpayers' register that the registry endpoints answer from and
+                          the invoicing rules read (Obs 10015, 10017, 10063, 10217, Err 10000):
+                          a JSON object {"<11 digits>": {taxpayer} or <condition id>, ...}, see
+                          the README. Without it a built-in padron holds (condition, name):
+                            20111111112  1  GOMEZ JUAN CARLOS (the certificates' CUIT)
+                            30500010912  1  COMERCIAL DEL PLATA SA
+                            30711111111  4  FUNDACION AYUDA MUTUA
+                            20333333334  5  FERNANDEZ ANA MARIA (no tax data)
+                            20222222223  6  LOPEZ MARTIN;  30000000007  6
+                            20888888889     BAJA ROBERTO, key INACTIVO
+                            23000000000 7, 30722222225 8, 30733333339 9, 20555555556 10,
+                            27666666661 13, 30744444442 15, 20777777778 16
+  --today YYYY-MM-DD      the date the simulator takes for today in Argentina: date windows,
+                          the cut-over above, CAEA windows and deadlines, FchProceso; the time
+                          of day stays the real one (default: the real date)
+  --points-of-sale LIST   the points of sale registered for CAE (comma-separated, 1-99998);
+                          others get Err 10005, 11002, 10104 (default: any but the CAEA ones)
+  --caea-points-of-sale LIST
+                          the points of sale registered for CAEA: only they inform CAEA
+                          vouchers, and they issue no CAE (default: any may inform)
   --event CODE:TEXT       add Events/Evt with that code and text to every WSFEv1 answer
                           (repeatable), as AFIP announces changes
   --rules                 print the rules FECAESolicitar applies, as a Markdown table, and exit
@@ -216,6 +244,12 @@ Certificate maker (writes a file and exits):
 
 Endpoints (SOAP 1.1; GET with ?wsdl or ?WSDL gives the service description):
   POST /ws/services/LoginCms   WSAA loginCms
+  POST /sr-padron/webservices/personaServiceA5
+                               the registry's constancia (ws_sr_constancia_inscripcion): dummy,
+                               getPersona, getPersona_v2, getPersonaList, getPersonaList_v2
+  POST /sr-padron/webservices/personaServiceA13
+                               the registry's A13 (ws_sr_padron_a13): dummy, getPersona,
+                               getIdPersonaListByDocumento
   POST /wsfev1/service.asmx    WSFEv1, its 22 operations: FEDummy, FECompUltimoAutorizado,
                                FECAESolicitar, FECompConsultar, FECompTotXRequest, the CAEA ones
                                (FECAEASolicitar, FECAEAConsultar, FECAEARegInformativo,

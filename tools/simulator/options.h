@@ -1,6 +1,7 @@
 #ifndef TARVO_SIMULATOR_OPTIONS_H
 #define TARVO_SIMULATOR_OPTIONS_H
 
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,7 +14,7 @@ struct Options {
     std::string tls_name;
     std::string tls_certificate_output;
     std::string port_file;
-    std::vector<std::string> services{"wsfe"};
+    std::vector<std::string> services{"wsfe", "ws_sr_constancia_inscripcion", "ws_sr_padron_a13"};
     long ticket_seconds = 43200;
     long refuse_relogin_seconds = 600;
     std::vector<std::string> relations;
@@ -22,6 +23,10 @@ struct Options {
     long max_seconds = 0;
     std::string receptor_condition_required_from = "20261201"; // yyyymmdd
     std::string padron_file;
+    std::string state_file;
+    std::string today; // yyyymmdd; empty: the real date
+    std::set<long long> points_of_sale;
+    std::set<long long> caea_points_of_sale;
     std::vector<std::pair<int, std::string>> events;
     bool rules = false;
 

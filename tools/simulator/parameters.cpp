@@ -6,9 +6,17 @@ const std::vector<ParameterTable>& parameter_tables()
 {
     static const std::vector<ParameterTable> tables = {
         {"FEParamGetTiposCbte", "CbteTipo", "20100917", {"Id", "Desc"},
-         {{"1", "Factura A"}, {"2", "Nota de Débito A"}, {"3", "Nota de Crédito A"}, {"6", "Factura B"},
-          {"7", "Nota de Débito B"}, {"8", "Nota de Crédito B"}, {"11", "Factura C"}, {"12", "Nota de Débito C"},
-          {"13", "Nota de Crédito C"}}},
+         {{"1", "Factura A"}, {"2", "Nota de Débito A"}, {"3", "Nota de Crédito A"}, {"4", "Recibos A"},
+          {"5", "Notas de Venta al contado A"}, {"6", "Factura B"}, {"7", "Nota de Débito B"}, {"8", "Nota de Crédito B"},
+          {"9", "Recibos B"}, {"10", "Notas de Venta al contado B"}, {"11", "Factura C"}, {"12", "Nota de Débito C"},
+          {"13", "Nota de Crédito C"}, {"15", "Recibo C"},
+          {"49", "Comprobante de Compra de Bienes Usados a Consumidor Final"}, {"51", "Factura M"},
+          {"52", "Nota de Débito M"}, {"53", "Nota de Crédito M"}, {"54", "Recibo M"},
+          {"201", "Factura de Crédito electrónica MiPyMEs (FCE) A"}, {"202", "Nota de Débito electrónica MiPyMEs (FCE) A"},
+          {"203", "Nota de Crédito electrónica MiPyMEs (FCE) A"}, {"206", "Factura de Crédito electrónica MiPyMEs (FCE) B"},
+          {"207", "Nota de Débito electrónica MiPyMEs (FCE) B"}, {"208", "Nota de Crédito electrónica MiPyMEs (FCE) B"},
+          {"211", "Factura de Crédito electrónica MiPyMEs (FCE) C"}, {"212", "Nota de Débito electrónica MiPyMEs (FCE) C"},
+          {"213", "Nota de Crédito electrónica MiPyMEs (FCE) C"}}},
         {"FEParamGetTiposDoc", "DocTipo", "20080725", {"Id", "Desc"},
          {{"80", "CUIT"}, {"86", "CUIL"}, {"87", "CDI"}, {"89", "LE"}, {"90", "LC"}, {"94", "Pasaporte"}, {"96", "DNI"},
           {"99", "Doc. (Otro)"}}},
@@ -48,7 +56,7 @@ const std::vector<ReceptorCondition>& receptor_conditions()
 {
     static const std::vector<ReceptorCondition> conditions = {
         {1, "IVA Responsable Inscripto", "A/M/C"}, {4, "IVA Sujeto Exento", "B/C"},
-        {5, "Consumidor Final", "B/C"},            {6, "Responsable Monotributo", "A/M/C"},
+        {5, "Consumidor Final", "B/C/49"},            {6, "Responsable Monotributo", "A/M/C"},
         {7, "Sujeto No Categorizado", "B/C"},      {8, "Proveedor del Exterior", "B/C"},
         {9, "Cliente del Exterior", "B/C"},        {10, "IVA Liberado - Ley N° 19.640", "B/C"},
         {13, "Monotributista Social", "A/M/C"},    {15, "IVA No Alcanzado", "B/C"},
@@ -68,6 +76,6 @@ double vat_percentage(long long id)
 const std::vector<std::pair<const char*, const char*>>& quotations()
 {
     static const std::vector<std::pair<const char*, const char*>> table = {
-        {"PES", "1"}, {"DOL", "1045.5"}, {"060", "1130.25"}, {"012", "182.4"}};
+        {"DOL", "1045.5"}, {"060", "1130.25"}, {"012", "182.4"}};
     return table;
 }

@@ -31,7 +31,7 @@ const std::vector<ReceptorCondition>& receptor_conditions();
 // The percentage of a VAT rate id of FEParamGetTiposIva; negative for an unknown id.
 double vat_percentage(long long id);
 
-// A fixed quotation per currency, against the peso.
+// A fixed quotation per foreign currency, against the peso (AFIP quotes no PES).
 const std::vector<std::pair<const char*, const char*>>& quotations();
 
 #endif
