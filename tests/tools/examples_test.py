@@ -3,6 +3,7 @@ setting from TARVO_* variables, and TARVO_SOAP_ACTION."""
 import base64
 import json
 import os
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -93,7 +94,10 @@ class Examples(unittest.TestCase):
 
     def test_every_invoice_example_prints_its_cae_and_qr_address(self):
         with Simulator("--refuse-relogin-seconds", "0") as simulator, tempfile.TemporaryDirectory() as scratch:
-            settings = [simulator.wsaa(), fixture("signer.p12"), "pw", "wsfe", simulator.wsfe(), SAMPLES]
+            # A certificate whose name the examples must escape in the settings' JSON.
+            certificate = os.path.join(scratch, 'signer "quoted" \\ name.p12')
+            shutil.copy(fixture("signer.p12"), certificate)
+            settings = [simulator.wsaa(), certificate, "pw", "wsfe", simulator.wsfe(), SAMPLES]
             for number, (language, program) in enumerate(build_examples(scratch, "invoice").items(), 1):
                 work = os.path.join(scratch, "run-" + language.replace(" ", "-"))
                 os.mkdir(work)
