@@ -134,16 +134,20 @@ authorises vouchers at most once per sale with a ledger, recovers a lost answer,
 sends batches and makes AFIP's QR code.")
 set(CPACK_DEBIAN_JAVA_PACKAGE_SECTION java)
 set(CPACK_DEBIAN_JAVA_PACKAGE_ARCHITECTURE all)
-set(CPACK_DEBIAN_JAVA_PACKAGE_DEPENDS
-  "default-jre-headless | java11-runtime-headless, libjna-java, libtarvoafipdriver1 (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_JAVA_PACKAGE_DEPENDS "default-jre-headless | java11-runtime-headless, libjna-java, \
+libtarvoafipdriver1 (>= ${PROJECT_VERSION}), libtarvoafipinvoicing1 (>= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_JAVA_DESCRIPTION "client library for AFIP's SOAP web services (Java)
-The jar tarvoafip.jar calls libtarvoafipdriver through JNA (class
-ar.tarvo.afip.TarvoAfip) and reads WSFEv1's invoicing answers and makes AFIP's
-QR address (ar.tarvo.afip.Invoicing).")
+The jar tarvoafip.jar calls, through JNA, libtarvoafipdriver (class
+ar.tarvo.afip.TarvoAfip) and the invoicing core libtarvoafipinvoicing (class
+ar.tarvo.afip.Invoicing): vouchers authorised at most once through a ledger,
+batches, the ledger's sales, FECAESolicitar answers read and AFIP's QR code,
+as JSON text.")
 set(CPACK_DEBIAN_PASCAL_PACKAGE_SECTION devel)
-set(CPACK_DEBIAN_PASCAL_PACKAGE_DEPENDS
-  "fp-compiler-${tarvo_fpc_version}, fp-units-fcl-${tarvo_fpc_version}, libtarvoafipdriver-dev (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_PASCAL_PACKAGE_DEPENDS "fp-compiler-${tarvo_fpc_version}, fp-units-fcl-${tarvo_fpc_version}, \
+libtarvoafipdriver-dev (= ${PROJECT_VERSION}), libtarvoafipinvoicing-dev (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_PASCAL_DESCRIPTION "client library for AFIP's SOAP web services (Free Pascal units)
-The units tarvoafip (the library's functions) and tarvoafipinvoicing (WSFEv1's
-invoicing answers and AFIP's QR address), compiled where Free Pascal finds
-them, and their sources for hosts that load the library at run time.")
+The units tarvoafip (libtarvoafipdriver's functions) and tarvoafipinvoicing
+(the invoicing core libtarvoafipinvoicing: vouchers authorised at most once
+through a ledger, batches, the ledger's sales, FECAESolicitar answers read and
+AFIP's QR code, as JSON text for fpjson), compiled where Free Pascal finds
+them, and their sources for hosts that load the libraries at run time.")

@@ -1,195 +1,309 @@
-{ Reading WSFEv1's invoicing answers and making AFIP's QR address (RG 4892/2020), for Free Pascal.
+{ libtarvoafipinvoicing for Free Pascal (and Lazarus) and Delphi-style Pascal: vouchers authorised at
+  most once through the core's ledger, FECAESolicitar answers read, AFIP's QR code made. The core does
+  the work; this unit passes its JSON in and out (tarvoafipinvoicing.h names every key). Read the
+  JSON with fpjson (fcl-json).
 
-  ReadAuthorisation takes a FECAESolicitar answer as SendSOAPChecked returns it and gives Resultado,
-  the voucher's number and date, CAE, CAEFchVto, the observations (Obs) and the errors (Err).
-  ReadLastAuthorised gives CbteNro of a FECompUltimoAutorizado answer. Elements are matched by
-  local name, whatever their prefix. QrUrl gives the address to print as the voucher's QR code.
-  Uses the FCL's DOM (fcl-xml) and base64 units. }
+  By default the functions are linked at build time as cdecl externals (Free Pascal:
+  -Fl<directory of libtarvoafipinvoicing.so>). Define TARVO_DYNAMIC to load the library at run time
+  instead: call LoadTarvoInvoicing first; it looks for the path given, else TARVO_INVOICING_LIBRARY,
+  else libtarvoafipinvoicing.so.1 through the dynamic loader's search path.
+
+  TTarvoInvoicing owns one handle, that is one configuration; use each object from one thread at a
+  time. Its methods return the core's JSON and raise ETarvoInvoicing on a non-zero result code, with
+  the core's message and the JSON the core still gave: the outcome of a rejected voucher (20), of one
+  whose outcome is unknown (21) or of a failed exchange (1-17), a batch's outcomes. }
 unit tarvoafipinvoicing;
 
-{$MODE DELPHI}
+{$IFDEF FPC}{$MODE DELPHI}{$ENDIF}
 {$H+}
 
 interface
 
 uses
-  SysUtils, Classes, DOM, XMLRead, base64;
+  SysUtils{$IFDEF TARVO_DYNAMIC}{$IFDEF FPC}, dynlibs{$ENDIF}{$ENDIF};
+
+const
+  TarvoInvoicingSoname = 'libtarvoafipinvoicing.so.1';
+
+  { Result codes, as in tarvoafipinvoicing.h; 1 to 17 are libtarvoafipdriver's (unit tarvoafip). }
+  TARVO_INVOICING_OK = 0;
+  TARVO_INVOICING_REJECTED = 20;
+  TARVO_INVOICING_OUTCOME_UNKNOWN = 21;
+  TARVO_INVOICING_SALE_CONFLICT = 22;
+  TARVO_INVOICING_LEDGER_ERROR = 23;
+  TARVO_INVOICING_BUSY = 24;
+  TARVO_INVOICING_NOT_FOUND = 25;
+  TARVO_INVOICING_BAD_INPUT = 65;
+  TARVO_INVOICING_INTERNAL = 70;
+  TARVO_INVOICING_CANNOT_WRITE = 73;
 
 type
-  TServiceMessage = record
-    Code: Int64;
-    Msg: UTF8String;
-  end;
-  TServiceMessages = array of TServiceMessage;
-
-  TAuthorisation = record
-    Found: Boolean;      { False: the text holds no FECAESolicitarResult (not XML, a SOAP fault) }
-    Resultado: string;   { A, R or P }
-    CbteNro: Int64;
-    CbteFch: string;     { yyyymmdd }
-    CAE: string;
-    CAEFchVto: string;
-    Observaciones: TServiceMessages;
-    Errors: TServiceMessages;
+  { A non-zero result code with the core's message; Output is the JSON the core gave with it, or ''. }
+  ETarvoInvoicing = class(Exception)
+  public
+    Code: Int32;
+    Output: UTF8String;
+    constructor CreateResult(ACode: Int32; const AMessage, AOutput: UTF8String);
   end;
 
-function ReadAuthorisation(const Answer: RawByteString): TAuthorisation;
-{ -1 when the answer holds no number (errors, not XML). }
-function ReadLastAuthorised(const Answer: RawByteString): Int64;
+  TTarvoInvoicing = class
+  private
+    FHandle: Pointer;
+    function Checked(Code: Int32; Text: PAnsiChar): UTF8String;
+  public
+    { Settings as tarvo_invoicing_open takes them; refused settings raise ETarvoInvoicing (65). }
+    constructor Create(const SettingsJson: UTF8String);
+    destructor Destroy; override;
+    { The outcome of one voucher, at most once per sale id. }
+    function Authorise(const VoucherJson: UTF8String): UTF8String;
+    { The outcomes of a JSON list of vouchers, in their order. }
+    function AuthoriseBatch(const VouchersJson: UTF8String): UTF8String;
+    { The ledger's sales; FilterJson '' for all. }
+    function LedgerList(const FilterJson: UTF8String = ''): UTF8String;
+    function LedgerShow(const SaleId: UTF8String): UTF8String;
+    { The outcome that a FECAESolicitar answer gives, for hosts that send their own requests. }
+    function ReadAnswer(const AnswerXml: RawByteString): UTF8String;
+    { AFIP's QR address of a voucher given with the QR payload's keys. }
+    function QrUrl(const VoucherJson: UTF8String): UTF8String;
+    procedure QrPng(const Text, PngPath: UTF8String);
+    { The last exchange with AFIP; it holds the live ticket. }
+    function TransferLog: UTF8String;
+    property Handle: Pointer read FHandle;
+  end;
 
-{ 'https://www.afip.gob.ar/fe/qr/?p=' and the Base64 of the voucher's JSON. Fecha as yyyymmdd;
-  Importe in cents; Ctz as a decimal text, e.g. '1'; CodAut the CAE's digits. }
-function QrUrl(const Fecha: string; Cuit: Int64; PtoVta, TipoCmp: Integer; NroCmp: Int64;
-  ImporteCents: Int64; const Moneda, Ctz: string; TipoDocRec: Integer; NroDocRec: Int64;
-  const CodAut: string): string;
+{$IFNDEF TARVO_DYNAMIC}
+const
+  TarvoInvoicingLibrary = {$IFDEF FPC}'tarvoafipinvoicing'{$ELSE}TarvoInvoicingSoname{$ENDIF};
+
+function tarvo_invoicing_version: Int32; cdecl; external TarvoInvoicingLibrary;
+function tarvo_invoicing_open(SettingsJson: PAnsiChar; Opened: PPointer): Int32; cdecl; external TarvoInvoicingLibrary;
+procedure tarvo_invoicing_close(Invoicing: Pointer); cdecl; external TarvoInvoicingLibrary;
+function tarvo_invoicing_message(Invoicing: Pointer): PAnsiChar; cdecl; external TarvoInvoicingLibrary;
+function tarvo_invoicing_authorise(Invoicing: Pointer; VoucherJson: PAnsiChar; OutcomeJson: PPAnsiChar): Int32; cdecl;
+  external TarvoInvoicingLibrary;
+function tarvo_invoicing_authorise_batch(Invoicing: Pointer; VouchersJson: PAnsiChar; OutcomesJson: PPAnsiChar): Int32;
+  cdecl; external TarvoInvoicingLibrary;
+function tarvo_invoicing_ledger_list(Invoicing: Pointer; FilterJson: PAnsiChar; SalesJson: PPAnsiChar): Int32; cdecl;
+  external TarvoInvoicingLibrary;
+function tarvo_invoicing_ledger_show(Invoicing: Pointer; SaleId: PAnsiChar; SaleJson: PPAnsiChar): Int32; cdecl;
+  external TarvoInvoicingLibrary;
+function tarvo_invoicing_read_answer(Invoicing: Pointer; AnswerXml: PAnsiChar; OutcomeJson: PPAnsiChar): Int32; cdecl;
+  external TarvoInvoicingLibrary;
+function tarvo_invoicing_qr_url(Invoicing: Pointer; VoucherJson: PAnsiChar; Url: PPAnsiChar): Int32; cdecl;
+  external TarvoInvoicingLibrary;
+function tarvo_invoicing_qr_png(Invoicing: Pointer; Text, PngPath: PAnsiChar): Int32; cdecl; external TarvoInvoicingLibrary;
+function tarvo_invoicing_transfer_log(Invoicing: Pointer; Log: PPAnsiChar): Int32; cdecl; external TarvoInvoicingLibrary;
+procedure tarvo_invoicing_free(Text: Pointer); cdecl; external TarvoInvoicingLibrary;
+{$ELSE}
+var
+  tarvo_invoicing_version: function: Int32; cdecl;
+  tarvo_invoicing_open: function(SettingsJson: PAnsiChar; Opened: PPointer): Int32; cdecl;
+  tarvo_invoicing_close: procedure(Invoicing: Pointer); cdecl;
+  tarvo_invoicing_message: function(Invoicing: Pointer): PAnsiChar; cdecl;
+  tarvo_invoicing_authorise: function(Invoicing: Pointer; VoucherJson: PAnsiChar; OutcomeJson: PPAnsiChar): Int32; cdecl;
+  tarvo_invoicing_authorise_batch: function(Invoicing: Pointer; VouchersJson: PAnsiChar;
+    OutcomesJson: PPAnsiChar): Int32; cdecl;
+  tarvo_invoicing_ledger_list: function(Invoicing: Pointer; FilterJson: PAnsiChar; SalesJson: PPAnsiChar): Int32; cdecl;
+  tarvo_invoicing_ledger_show: function(Invoicing: Pointer; SaleId: PAnsiChar; SaleJson: PPAnsiChar): Int32; cdecl;
+  tarvo_invoicing_read_answer: function(Invoicing: Pointer; AnswerXml: PAnsiChar; OutcomeJson: PPAnsiChar): Int32; cdecl;
+  tarvo_invoicing_qr_url: function(Invoicing: Pointer; VoucherJson: PAnsiChar; Url: PPAnsiChar): Int32; cdecl;
+  tarvo_invoicing_qr_png: function(Invoicing: Pointer; Text, PngPath: PAnsiChar): Int32; cdecl;
+  tarvo_invoicing_transfer_log: function(Invoicing: Pointer; Log: PPAnsiChar): Int32; cdecl;
+  tarvo_invoicing_free: procedure(Text: Pointer); cdecl;
+
+{ Loads the library and resolves its functions; False (and nothing loaded) when it cannot. }
+function LoadTarvoInvoicing(const Path: string = ''): Boolean;
+procedure UnloadTarvoInvoicing;
+{$ENDIF}
 
 implementation
 
-function LocalName(Node: TDOMNode): string;
+constructor ETarvoInvoicing.CreateResult(ACode: Int32; const AMessage, AOutput: UTF8String);
+begin
+  if AMessage = '' then
+    inherited CreateFmt('libtarvoafipinvoicing result %d', [ACode])
+  else
+    inherited Create(string(AMessage));
+  Code := ACode;
+  Output := AOutput;
+end;
+
+{$IFDEF TARVO_DYNAMIC}
+{$IFNDEF FPC}
+type
+  TLibHandle = HMODULE;
+const
+  NilHandle = 0;
+{$ENDIF}
+
+var
+  LibraryHandle: TLibHandle = NilHandle;
+
+function LoadTarvoInvoicing(const Path: string): Boolean;
 var
   Name: string;
-begin
-  Name := UTF8Encode(Node.NodeName);
-  Result := Copy(Name, Pos(':', Name) + 1, Length(Name));
-end;
 
-function Child(Parent: TDOMNode; const Name: string): TDOMNode;
-begin
-  Result := nil;
-  if Parent = nil then
-    Exit;
-  Result := Parent.FirstChild;
-  while (Result <> nil) and not ((Result.NodeType = ELEMENT_NODE) and (LocalName(Result) = Name)) do
-    Result := Result.NextSibling;
-end;
-
-function Descendant(Root: TDOMNode; const Name: string): TDOMNode;
-var
-  Node: TDOMNode;
-begin
-  Result := nil;
-  Node := Root.FirstChild;
-  while (Node <> nil) and (Result = nil) do
+  function Resolve(const Symbol: string): Pointer;
   begin
-    if (Node.NodeType = ELEMENT_NODE) and (LocalName(Node) = Name) then
-      Result := Node
-    else
-      Result := Descendant(Node, Name);
-    Node := Node.NextSibling;
+    Result := GetProcAddress(LibraryHandle, PChar(Symbol));
+    if Result = nil then
+      raise ETarvoInvoicing.CreateFmt('the library does not export %s', [Symbol]);
+  end;
+
+begin
+  Name := Path;
+  if Name = '' then
+    Name := GetEnvironmentVariable('TARVO_INVOICING_LIBRARY');
+  if Name = '' then
+    Name := TarvoInvoicingSoname;
+  LibraryHandle := LoadLibrary(PChar(Name));
+  Result := LibraryHandle <> NilHandle;
+  if not Result then
+    Exit;
+  try
+    @tarvo_invoicing_version := Resolve('tarvo_invoicing_version');
+    @tarvo_invoicing_open := Resolve('tarvo_invoicing_open');
+    @tarvo_invoicing_close := Resolve('tarvo_invoicing_close');
+    @tarvo_invoicing_message := Resolve('tarvo_invoicing_message');
+    @tarvo_invoicing_authorise := Resolve('tarvo_invoicing_authorise');
+    @tarvo_invoicing_authorise_batch := Resolve('tarvo_invoicing_authorise_batch');
+    @tarvo_invoicing_ledger_list := Resolve('tarvo_invoicing_ledger_list');
+    @tarvo_invoicing_ledger_show := Resolve('tarvo_invoicing_ledger_show');
+    @tarvo_invoicing_read_answer := Resolve('tarvo_invoicing_read_answer');
+    @tarvo_invoicing_qr_url := Resolve('tarvo_invoicing_qr_url');
+    @tarvo_invoicing_qr_png := Resolve('tarvo_invoicing_qr_png');
+    @tarvo_invoicing_transfer_log := Resolve('tarvo_invoicing_transfer_log');
+    @tarvo_invoicing_free := Resolve('tarvo_invoicing_free');
+  except
+    UnloadTarvoInvoicing;
+    Result := False;
   end;
 end;
 
-function TextOf(Parent: TDOMNode; const Name: string): string;
-var
-  Node: TDOMNode;
+procedure UnloadTarvoInvoicing;
 begin
-  Node := Child(Parent, Name);
-  if Node = nil then
-    Result := ''
+  if LibraryHandle <> NilHandle then
+    FreeLibrary(LibraryHandle);
+  LibraryHandle := NilHandle;
+end;
+{$ENDIF}
+
+{ The bytes as they are, UTF-8, with no conversion through the system's code page. }
+function CopyText(Text: PAnsiChar): UTF8String;
+var
+  Size: NativeInt;
+begin
+  Result := '';
+  if Text = nil then
+    Exit;
+  Size := StrLen(Text);
+  SetLength(Result, Size);
+  if Size > 0 then
+    Move(Text^, Result[1], Size);
+end;
+
+{ Text the core handed out: copied, then freed. }
+function TakeText(Text: PAnsiChar): UTF8String;
+begin
+  Result := CopyText(Text);
+  tarvo_invoicing_free(Text);
+end;
+
+{ nil for '': the core takes NULL as "none". }
+function OrNil(const Text: UTF8String): PAnsiChar;
+begin
+  if Text = '' then
+    Result := nil
   else
-    Result := Trim(UTF8Encode(Node.TextContent));
+    Result := PAnsiChar(Text);
 end;
 
-function Messages(List: TDOMNode): TServiceMessages;
-var
-  Item: TDOMNode;
+constructor TTarvoInvoicing.Create(const SettingsJson: UTF8String);
 begin
-  SetLength(Result, 0);
-  if List = nil then
-    Exit;
-  Item := List.FirstChild;
-  while Item <> nil do
-  begin
-    if Item.NodeType = ELEMENT_NODE then
-    begin
-      SetLength(Result, Length(Result) + 1);
-      Result[High(Result)].Code := StrToInt64Def(TextOf(Item, 'Code'), 0);
-      Result[High(Result)].Msg := TextOf(Item, 'Msg');
-    end;
-    Item := Item.NextSibling;
-  end;
+  inherited Create;
+  { The handle comes back also on failure, for its message; Destroy closes it when this raises. }
+  Checked(tarvo_invoicing_open(PAnsiChar(SettingsJson), @FHandle), nil);
 end;
 
-{ The parsed answer, or nil when it is not XML. }
-function Parse(const Answer: RawByteString): TXMLDocument;
-var
-  Stream: TStringStream;
+destructor TTarvoInvoicing.Destroy;
 begin
-  Result := nil;
-  Stream := TStringStream.Create(Answer);
-  try
-    try
-      ReadXMLFile(Result, Stream);
-    except
-      on EXMLReadError do
-        Result := nil;
-    end;
-  finally
-    Stream.Free;
-  end;
+  tarvo_invoicing_close(FHandle);
+  inherited Destroy;
 end;
 
-function ReadAuthorisation(const Answer: RawByteString): TAuthorisation;
-var
-  Document: TXMLDocument;
-  Found, Detail: TDOMNode;
+function TTarvoInvoicing.Checked(Code: Int32; Text: PAnsiChar): UTF8String;
 begin
-  Result := Default(TAuthorisation);
-  Document := Parse(Answer);
-  if Document = nil then
-    Exit;
-  try
-    Found := Descendant(Document, 'FECAESolicitarResult');
-    if Found = nil then
-      Exit;
-    Result.Found := True;
-    Detail := Child(Child(Found, 'FeDetResp'), 'FECAEDetResponse');
-    Result.Resultado := TextOf(Detail, 'Resultado');
-    if Result.Resultado = '' then
-      Result.Resultado := TextOf(Child(Found, 'FeCabResp'), 'Resultado');
-    Result.CbteNro := StrToInt64Def(TextOf(Detail, 'CbteDesde'), 0);
-    Result.CbteFch := TextOf(Detail, 'CbteFch');
-    Result.CAE := TextOf(Detail, 'CAE');
-    Result.CAEFchVto := TextOf(Detail, 'CAEFchVto');
-    Result.Observaciones := Messages(Child(Detail, 'Observaciones'));
-    Result.Errors := Messages(Child(Found, 'Errors'));
-  finally
-    Document.Free;
-  end;
+  Result := TakeText(Text);
+  if Code <> TARVO_INVOICING_OK then
+    raise ETarvoInvoicing.CreateResult(Code, CopyText(tarvo_invoicing_message(FHandle)), Result);
 end;
 
-function ReadLastAuthorised(const Answer: RawByteString): Int64;
+function TTarvoInvoicing.Authorise(const VoucherJson: UTF8String): UTF8String;
 var
-  Document: TXMLDocument;
-  Found: TDOMNode;
+  Code: Int32;
+  Text: PAnsiChar;
 begin
-  Result := -1;
-  Document := Parse(Answer);
-  if Document = nil then
-    Exit;
-  try
-    Found := Descendant(Document, 'FECompUltimoAutorizadoResult');
-    if (Found <> nil) and (Child(Found, 'Errors') = nil) then
-      Result := StrToInt64Def(TextOf(Found, 'CbteNro'), -1);
-  finally
-    Document.Free;
-  end;
+  Code := tarvo_invoicing_authorise(FHandle, PAnsiChar(VoucherJson), @Text);
+  Result := Checked(Code, Text);
 end;
 
-function QrUrl(const Fecha: string; Cuit: Int64; PtoVta, TipoCmp: Integer; NroCmp: Int64;
-  ImporteCents: Int64; const Moneda, Ctz: string; TipoDocRec: Integer; NroDocRec: Int64;
-  const CodAut: string): string;
+function TTarvoInvoicing.AuthoriseBatch(const VouchersJson: UTF8String): UTF8String;
 var
-  Payload, Importe: string;
+  Code: Int32;
+  Text: PAnsiChar;
 begin
-  Importe := Format('%d.%.2d', [ImporteCents div 100, Abs(ImporteCents mod 100)]);
-  if (ImporteCents < 0) and (ImporteCents > -100) then
-    Importe := '-' + Importe;
-  Payload := Format('{"ver":1,"fecha":"%s-%s-%s","cuit":%d,"ptoVta":%d,"tipoCmp":%d,"nroCmp":%d,' +
-    '"importe":%s,"moneda":"%s","ctz":%s,"tipoDocRec":%d,"nroDocRec":%d,"tipoCodAut":"E","codAut":%s}',
-    [Copy(Fecha, 1, 4), Copy(Fecha, 5, 2), Copy(Fecha, 7, 2), Cuit, PtoVta, TipoCmp, NroCmp, Importe,
-     Moneda, Ctz, TipoDocRec, NroDocRec, CodAut]);
-  Result := 'https://www.afip.gob.ar/fe/qr/?p=' + EncodeStringBase64(Payload);
+  Code := tarvo_invoicing_authorise_batch(FHandle, PAnsiChar(VouchersJson), @Text);
+  Result := Checked(Code, Text);
+end;
+
+function TTarvoInvoicing.LedgerList(const FilterJson: UTF8String): UTF8String;
+var
+  Code: Int32;
+  Text: PAnsiChar;
+begin
+  Code := tarvo_invoicing_ledger_list(FHandle, OrNil(FilterJson), @Text);
+  Result := Checked(Code, Text);
+end;
+
+function TTarvoInvoicing.LedgerShow(const SaleId: UTF8String): UTF8String;
+var
+  Code: Int32;
+  Text: PAnsiChar;
+begin
+  Code := tarvo_invoicing_ledger_show(FHandle, PAnsiChar(SaleId), @Text);
+  Result := Checked(Code, Text);
+end;
+
+function TTarvoInvoicing.ReadAnswer(const AnswerXml: RawByteString): UTF8String;
+var
+  Code: Int32;
+  Text: PAnsiChar;
+begin
+  Code := tarvo_invoicing_read_answer(FHandle, PAnsiChar(AnswerXml), @Text);
+  Result := Checked(Code, Text);
+end;
+
+function TTarvoInvoicing.QrUrl(const VoucherJson: UTF8String): UTF8String;
+var
+  Code: Int32;
+  Text: PAnsiChar;
+begin
+  Code := tarvo_invoicing_qr_url(FHandle, PAnsiChar(VoucherJson), @Text);
+  Result := Checked(Code, Text);
+end;
+
+procedure TTarvoInvoicing.QrPng(const Text, PngPath: UTF8String);
+begin
+  Checked(tarvo_invoicing_qr_png(FHandle, PAnsiChar(Text), PAnsiChar(PngPath)), nil);
+end;
+
+function TTarvoInvoicing.TransferLog: UTF8String;
+var
+  Code: Int32;
+  Text: PAnsiChar;
+begin
+  Code := tarvo_invoicing_transfer_log(FHandle, @Text);
+  Result := Checked(Code, Text);
 end;
 
 end.

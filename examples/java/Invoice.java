@@ -1,72 +1,75 @@
 import ar.tarvo.afip.Invoicing;
-import ar.tarvo.afip.TarvoAfip;
 
-import java.math.BigDecimal;
-import java.nio.charset.StandardCharsets;
+import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Paths;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
 
 /**
- * Authorises the next Factura B of the samples and prints its number, CAE and QR address.
+ * Authorises the Factura B of the samples through libtarvoafipinvoicing and prints its number, CAE and
+ * QR address.
  *
  * Usage: java Invoice [WSAA_URL [CERTIFICATE [PASSWORD [SERVICE [SERVICE_URL [SAMPLES]]]]]]
  * Settings left off come from TARVO_WSAA_URL, TARVO_CERTIFICATE, TARVO_PASSWORD, TARVO_SERVICE,
- * TARVO_SERVICE_URL and TARVO_SAMPLES (default /usr/share/tarvoafip/samples); TARVO_LIBRARY names the
- * library. The exit status is 0 approved, 20 rejected, or the library's result code.
+ * TARVO_SERVICE_URL and TARVO_SAMPLES (default /usr/share/tarvoafip/samples); TARVO_INVOICING_LIBRARY
+ * names the library. TARVO_SALE_ID names the sale: run again with the same one, the sale is not
+ * invoiced twice. The ledger is ledger.sqlite in the working directory. The exit status is the core's
+ * result code: 0 approved, 20 rejected, 21 outcome unknown (run the same sale again), 1-17 the exchange
+ * failed...; 66 a sample unreadable.
  */
 public final class Invoice {
     private static final String[] VARIABLES = {"TARVO_WSAA_URL", "TARVO_CERTIFICATE", "TARVO_PASSWORD",
                                                "TARVO_SERVICE", "TARVO_SERVICE_URL", "TARVO_SAMPLES"};
+    private static final long ISSUER = 20111111112L; // the CUIT of the samples' certificate
 
-    private static byte[] send(TarvoAfip afip, String operation, String request) throws TarvoAfip.Failure {
-        afip.addHeader("SOAPAction: \"http://ar.gov.afip.dif.FEV1/" + operation + "\"");
-        return afip.sendSoap(request);
+    // The outcome is JSON; a host reads it with its JSON library. The example keeps to the JDK: the
+    // fields it prints are top-level numbers and texts without quotes, whose keys occur once.
+    private static String field(String json, String key) {
+        Matcher found = Pattern.compile("\"" + key + "\":\"?([^\",}]*)").matcher(json);
+        return found.find() ? found.group(1) : "";
     }
 
-    public static void main(String[] arguments) throws Exception {
+    public static void main(String[] arguments) {
         String[] settings = new String[VARIABLES.length];
         for (int i = 0; i < settings.length; ++i) {
             String value = i < arguments.length ? arguments[i] : System.getenv(VARIABLES[i]);
             settings[i] = value == null ? "" : value;
         }
         String samples = settings[5].isEmpty() ? "/usr/share/tarvoafip/samples" : settings[5];
-        TarvoAfip afip = TarvoAfip.load();
-        afip.setWsaa(settings[0]);
-        afip.setCredentials(settings[1], settings[2]);
-        afip.setService(settings[3]);
-        afip.setServiceUrl(settings[4]);
+        String saleId = System.getenv("TARVO_SALE_ID");
+        if (saleId == null || saleId.isEmpty())
+            saleId = "invoice-" + System.currentTimeMillis() + "-" + ProcessHandle.current().pid();
 
-        Invoicing.Authorisation answer;
+        // The sample voucher, an object, with the sale id as its first member: no CbteNro, so the next
+        // number; no CbteFch, so today.
+        String voucher;
         try {
-            long last = Invoicing.readLastAuthorised(send(afip, "FECompUltimoAutorizado", new String(
-                Files.readAllBytes(Paths.get(samples, "fe_comp_ultimo_autorizado.xml")), StandardCharsets.UTF_8)));
-            if (last < 0) {
-                System.err.println("Invoice: FECompUltimoAutorizado gave no number");
-                System.exit(20);
-            }
-            // The sample is numbered 1: it becomes the next number. A lost answer (result 14 or 15) must not
-            // be sent again blindly: ask FECompConsultar first, as tarvoafip_cli invoice does.
-            String request = new String(Files.readAllBytes(Paths.get(samples, "fe_cae_solicitar.xml")),
-                                        StandardCharsets.UTF_8)
-                .replace(">1</ar:CbteDesde>", ">" + (last + 1) + "</ar:CbteDesde>")
-                .replace(">1</ar:CbteHasta>", ">" + (last + 1) + "</ar:CbteHasta>");
-            answer = Invoicing.readAuthorisation(send(afip, "FECAESolicitar", request));
-        } catch (TarvoAfip.Failure failure) {
+            String sample = Files.readString(Paths.get(samples, "factura_b.json"));
+            voucher = "{\"sale_id\":" + Invoicing.quote(saleId) + "," + sample.substring(sample.indexOf('{') + 1);
+        } catch (IOException unreadable) {
+            System.err.println("Invoice: the sample factura_b.json: " + unreadable);
+            System.exit(66);
+            return;
+        }
+        String outcome;
+        try (Invoicing invoicing = Invoicing.open("{\"cuit\":" + ISSUER + ",\"wsaa_url\":" + Invoicing.quote(settings[0])
+                                                  + ",\"certificate\":" + Invoicing.quote(settings[1])
+                                                  + ",\"password\":" + Invoicing.quote(settings[2])
+                                                  + ",\"service\":" + Invoicing.quote(settings[3])
+                                                  + ",\"url\":" + Invoicing.quote(settings[4]) + "}")) {
+            outcome = invoicing.authorise(voucher);
+        } catch (Invoicing.Failure failure) {
+            // Rejected, unknown or failed: the core's message says why, the outcome (if any) shows AFIP's
+            // Observaciones and Errors.
             System.err.println("Invoice: " + failure.getMessage());
+            if (failure.output != null)
+                System.err.println(failure.output);
             System.exit(failure.code);
             return;
         }
-        if (answer == null || !"A".equals(answer.resultado)) {
-            System.err.println("Invoice: AFIP did not approve the voucher"
-                               + (answer == null ? "" : ": " + answer.observaciones + " " + answer.errors));
-            System.exit(20);
-            return;
-        }
-        System.out.println("CbteNro " + answer.cbteNro);
-        System.out.println("CAE " + answer.cae + " due " + answer.caeFchVto);
-        // The sample's voucher: CUIT 20111111112, point of sale 1, Factura B (6), 121.00 pesos to a final
-        // consumer (DocTipo 99, DocNro 0).
-        System.out.println("QR " + Invoicing.qrUrl(answer.cbteFch, 20111111112L, 1, 6, answer.cbteNro,
-                                                  new BigDecimal("121.00"), "PES", BigDecimal.ONE, 99, 0, answer.cae));
+        System.out.println("CbteNro " + field(outcome, "CbteNro"));
+        System.out.println("CAE " + field(outcome, "CAE") + " due " + field(outcome, "CAEFchVto"));
+        System.out.println("QR " + field(outcome, "qr_url"));
     }
 }

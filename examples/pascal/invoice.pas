@@ -1,23 +1,26 @@
-{ invoice: authorises the next Factura B of the samples and prints its number, CAE and QR address.
+{ invoice: authorises the Factura B of the samples through libtarvoafipinvoicing and prints its
+  number, CAE and QR address.
 
   Usage: invoice [WSAA_URL [CERTIFICATE [PASSWORD [SERVICE [SERVICE_URL [SAMPLES]]]]]]
   Settings left off come from TARVO_WSAA_URL, TARVO_CERTIFICATE, TARVO_PASSWORD, TARVO_SERVICE,
-  TARVO_SERVICE_URL and TARVO_SAMPLES (default /usr/share/tarvoafip/samples). The exit status is
-  0 approved, 20 rejected, or the library's result code. }
+  TARVO_SERVICE_URL and TARVO_SAMPLES (default /usr/share/tarvoafip/samples). TARVO_SALE_ID names
+  the sale: run again with the same one, the sale is not invoiced twice. The ledger is ledger.sqlite
+  in the working directory. The exit status is the core's result code: 0 approved, 20 rejected,
+  21 outcome unknown (run the same sale again), 1-17 the exchange failed...; 66 a sample unreadable. }
 program invoice;
 
 {$MODE DELPHI}
 {$H+}
 
 uses
-  SysUtils, Classes, tarvoafip, tarvoafipinvoicing;
+  SysUtils, Classes, fpjson, jsonparser, tarvoafipinvoicing;
 
 const
   Variables: array[1..6] of string = ('TARVO_WSAA_URL', 'TARVO_CERTIFICATE', 'TARVO_PASSWORD',
     'TARVO_SERVICE', 'TARVO_SERVICE_URL', 'TARVO_SAMPLES');
-  Fev1 = 'http://ar.gov.afip.dif.FEV1/';
+  Issuer: Int64 = 20111111112; { the CUIT of the samples' certificate }
 
-function Setting(Position: Integer): RawByteString;
+function Setting(Position: Integer): string;
 begin
   if Position <= ParamCount then
     Result := ParamStr(Position)
@@ -27,76 +30,81 @@ begin
     Result := '/usr/share/tarvoafip/samples';
 end;
 
-function Sample(const Name: string): RawByteString;
-var
-  Lines: TStringList;
+{ The host's name for the sale; a new one from the time and the process when none is given. }
+function SaleId: string;
 begin
-  Lines := TStringList.Create;
+  Result := GetEnvironmentVariable('TARVO_SALE_ID');
+  if Result = '' then
+    Result := Format('invoice-%s-%d', [FormatDateTime('yyyymmddhhnnsszzz', Now), GetProcessID]);
+end;
+
+{ The core's settings: the issuer, AFIP's addresses and the certificate. }
+function SettingsJson: string;
+var
+  Settings: TJSONObject;
+begin
+  Settings := TJSONObject.Create(['cuit', Issuer, 'wsaa_url', Setting(1), 'certificate', Setting(2),
+    'password', Setting(3), 'service', Setting(4), 'url', Setting(5)]);
+  Result := Settings.AsJSON;
+  Settings.Free;
+end;
+
+{ The sample voucher with the sale id: no CbteNro, so the next number; no CbteFch, so today. }
+function VoucherJson: string;
+var
+  Sample: TFileStream;
+  Voucher: TJSONObject;
+begin
   try
-    Lines.LoadFromFile(IncludeTrailingPathDelimiter(Setting(6)) + Name);
-    Result := Lines.Text;
-  finally
-    Lines.Free;
+    Sample := TFileStream.Create(IncludeTrailingPathDelimiter(Setting(6)) + 'factura_b.json', fmOpenRead);
+    try
+      Voucher := GetJSON(Sample) as TJSONObject;
+    finally
+      Sample.Free;
+    end;
+  except
+    on Error: Exception do
+    begin
+      WriteLn(ErrOutput, 'invoice: the sample factura_b.json: ', Error.Message);
+      Halt(66);
+    end;
   end;
-end;
-
-function Send(const Operation: string; const Request: RawByteString): RawByteString;
-begin
-  AddSOAPHeader(PAnsiChar(RawByteString('SOAPAction: "' + Fev1 + Operation + '"')));
-  Result := SendSOAPChecked(Request);
+  Voucher.Add('sale_id', SaleId);
+  Result := Voucher.AsJSON;
+  Voucher.Free;
 end;
 
 var
-  Last: Int64;
-  Request: RawByteString;
-  Answer: TAuthorisation;
-  Observation: TServiceMessage;
+  Invoicing: TTarvoInvoicing;
+  Outcome: TJSONData;
 begin
   {$IFDEF TARVO_DYNAMIC}
-  if not LoadTarvoAfip then
+  if not LoadTarvoInvoicing then
   begin
-    WriteLn(ErrOutput, 'invoice: cannot load libtarvoafipdriver');
+    WriteLn(ErrOutput, 'invoice: cannot load libtarvoafipinvoicing');
     Halt(69);
   end;
   {$ENDIF}
-  SetWSAA(PAnsiChar(Setting(1)));
-  SetWSAACredentials(PAnsiChar(Setting(2)), PAnsiChar(Setting(3)));
-  SetWSAAService(PAnsiChar(Setting(4)));
-  SetWSUrl(PAnsiChar(Setting(5)));
   try
-    Last := ReadLastAuthorised(Send('FECompUltimoAutorizado', Sample('fe_comp_ultimo_autorizado.xml')));
-    if Last < 0 then
-    begin
-      WriteLn(ErrOutput, 'invoice: FECompUltimoAutorizado gave no number');
-      Halt(20);
+    Invoicing := TTarvoInvoicing.Create(SettingsJson);
+    try
+      Outcome := GetJSON(Invoicing.Authorise(VoucherJson));
+    finally
+      Invoicing.Free;
     end;
-    { The sample is numbered 1: it becomes the next number. }
-    Request := StringReplace(Sample('fe_cae_solicitar.xml'), '>1</ar:CbteDesde>',
-      '>' + IntToStr(Last + 1) + '</ar:CbteDesde>', []);
-    Request := StringReplace(Request, '>1</ar:CbteHasta>', '>' + IntToStr(Last + 1) + '</ar:CbteHasta>', []);
-    { A lost answer (result 14 or 15) must not be sent again blindly: ask FECompConsultar first,
-      as tarvoafip_cli invoice does. }
-    Answer := ReadAuthorisation(Send('FECAESolicitar', Request));
   except
-    on Error: ETarvoAfip do
+    { Rejected, unknown or failed: the core's message says why, the outcome (if any) shows AFIP's
+      Observaciones and Errors. }
+    on Error: ETarvoInvoicing do
     begin
       WriteLn(ErrOutput, 'invoice: ', Error.Message);
+      if Error.Output <> '' then
+        WriteLn(ErrOutput, Error.Output);
       Halt(Error.Code);
     end;
   end;
-  for Observation in Answer.Observaciones do
-    WriteLn('Obs ', Observation.Code, ': ', Observation.Msg);
-  for Observation in Answer.Errors do
-    WriteLn('Err ', Observation.Code, ': ', Observation.Msg);
-  if Answer.Resultado <> 'A' then
-  begin
-    WriteLn(ErrOutput, 'invoice: AFIP did not approve the voucher (Resultado ', Answer.Resultado, ')');
-    Halt(20);
-  end;
-  WriteLn('CbteNro ', Answer.CbteNro);
-  WriteLn('CAE ', Answer.CAE, ' due ', Answer.CAEFchVto);
-  { The sample's voucher: CUIT 20111111112, point of sale 1, Factura B (6), 121.00 pesos to a final
-    consumer (DocTipo 99, DocNro 0). }
-  WriteLn('QR ', QrUrl(Answer.CbteFch, 20111111112, 1, 6, Answer.CbteNro, 12100, 'PES', '1', 99, 0,
-    Answer.CAE));
+  WriteLn('CbteNro ', Outcome.FindPath('CbteNro').AsInt64);
+  WriteLn('CAE ', Outcome.FindPath('CAE').AsString, ' due ', Outcome.FindPath('CAEFchVto').AsString);
+  WriteLn('QR ', Outcome.FindPath('qr_url').AsString);
+  Outcome.Free;
 end.

@@ -3,6 +3,7 @@ setting from TARVO_* variables, and TARVO_SOAP_ACTION."""
 import base64
 import json
 import os
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -17,6 +18,31 @@ VARIABLES = ("TARVO_WSAA_URL", "TARVO_CERTIFICATE", "TARVO_PASSWORD", "TARVO_SER
 JNA = "/usr/share/java/jna.jar"
 EMULATION = os.environ.get("TARVO_I386_EMULATION")
 FEV1 = "http://ar.gov.afip.dif.FEV1/"
+LIBRARIES = {"TARVO_LIBRARY": LIBRARY, "TARVO_INVOICING_LIBRARY": os.environ["TARVO_INVOICING_LIBRARY"]}
+QR = "https://www.afip.gob.ar/fe/qr/?p="
+
+
+def compile_pascal(scratch, source, variant):
+    """`source` compiled into its own folder: linked against the build's libraries, or (loaded) with
+    -dTARVO_DYNAMIC; the program's path."""
+    library_directory = os.path.dirname(LIBRARY)
+    flags = {"pascal linked": ["-Fl" + library_directory, "-k-rpath=" + library_directory],
+             "pascal loaded": ["-dTARVO_DYNAMIC"]}[variant]
+    name = os.path.splitext(os.path.basename(source))[0]
+    output = os.path.join(scratch, name + "-" + variant.replace(" ", "-"))
+    os.mkdir(output)
+    subprocess.run(["fpc", "-v0", "-Fu" + os.path.join(SOURCE, "bindings", "pascal"), "-FE" + output] + flags + [source],
+                   check=True, capture_output=True)
+    return [os.path.join(output, name)]
+
+
+def compile_java(scratch, source):
+    """`source` compiled with the binding's classes; the command that runs it."""
+    classes = os.path.join(scratch, os.path.basename(source) + "-classes")
+    binding = os.path.join(SOURCE, "bindings", "java", "ar", "tarvo", "afip")
+    subprocess.run(["javac", "-cp", JNA, "-d", classes, os.path.join(binding, "TarvoAfip.java"),
+                    os.path.join(binding, "Invoicing.java"), source], check=True, capture_output=True)
+    return ["java", "-cp", classes + ":" + JNA, os.path.splitext(os.path.basename(source))[0]]
 
 
 def build_examples(scratch, program="minimal_host"):
@@ -24,27 +50,13 @@ def build_examples(scratch, program="minimal_host"):
     compiled here, the Pascal one twice, the Java one unless under emulation. Free
     Pascal's run-time library deadlocks at exit beside a preloaded sanitizer runtime: a sanitized build
     leaves the Pascal examples to the plain one."""
-    library_directory = os.path.dirname(LIBRARY)
-    pascal = os.path.join(SOURCE, "examples", "pascal", program + ".pas")
     java_class = {"minimal_host": "MinimalHost", "invoice": "Invoice"}[program]
     examples = {"c": [os.environ["TARVO_C_EXAMPLE" if program == "minimal_host" else "TARVO_C_INVOICE_EXAMPLE"]],
                 "python": [sys.executable, os.path.join(SOURCE, "examples", "python", program + ".py")]}
-    pascal_variants = () if PRELOAD else (("pascal linked", ["-Fl" + library_directory, "-k-rpath=" + library_directory]),
-                                          ("pascal loaded", ["-dTARVO_DYNAMIC"]))
-    for variant, flags in pascal_variants:
-        output = os.path.join(scratch, program + "-" + variant.replace(" ", "-"))
-        os.mkdir(output)
-        subprocess.run(["fpc", "-v0", "-Fu" + os.path.join(SOURCE, "bindings", "pascal"), "-FE" + output] + flags +
-                       [pascal], check=True, capture_output=True)
-        examples[variant] = [os.path.join(output, program)]
-    if EMULATION:
-        return examples
-    classes = os.path.join(scratch, program + "-classes")
-    binding = os.path.join(SOURCE, "bindings", "java", "ar", "tarvo", "afip")
-    subprocess.run(["javac", "-cp", JNA, "-d", classes, os.path.join(binding, "TarvoAfip.java"),
-                    os.path.join(binding, "Invoicing.java"), os.path.join(SOURCE, "examples", "java", java_class + ".java")],
-                   check=True, capture_output=True)
-    examples["java"] = ["java", "-cp", classes + ":" + JNA, java_class]
+    for variant in () if PRELOAD else ("pascal linked", "pascal loaded"):
+        examples[variant] = compile_pascal(scratch, os.path.join(SOURCE, "examples", "pascal", program + ".pas"), variant)
+    if not EMULATION:
+        examples["java"] = compile_java(scratch, os.path.join(SOURCE, "examples", "java", java_class + ".java"))
     return examples
 
 
@@ -82,19 +94,73 @@ class Examples(unittest.TestCase):
 
     def test_every_invoice_example_prints_its_cae_and_qr_address(self):
         with Simulator("--refuse-relogin-seconds", "0") as simulator, tempfile.TemporaryDirectory() as scratch:
-            settings = [simulator.wsaa(), fixture("signer.p12"), "pw", "wsfe", simulator.wsfe(), SAMPLES]
+            # A certificate whose name the examples must escape in the settings' JSON.
+            certificate = os.path.join(scratch, 'signer "quoted" \\ name.p12')
+            shutil.copy(fixture("signer.p12"), certificate)
+            settings = [simulator.wsaa(), certificate, "pw", "wsfe", simulator.wsfe(), SAMPLES]
             for number, (language, program) in enumerate(build_examples(scratch, "invoice").items(), 1):
                 work = os.path.join(scratch, "run-" + language.replace(" ", "-"))
                 os.mkdir(work)
-                result = run(program + settings, cwd=work, env=dict(PRELOAD, TARVO_LIBRARY=LIBRARY))
+                result = run(program + settings, cwd=work, env=dict(PRELOAD, **LIBRARIES))
                 self.assertEqual(result.returncode, 0, (language, result.stderr))
                 lines = result.stdout.splitlines()
                 self.assertEqual(lines[0], "CbteNro %d" % number, language)
                 self.assertRegex(lines[1], r"^CAE \d{14} due \d{8}$", language)
                 cae = lines[1].split()[1]
-                payload = json.loads(base64.b64decode(lines[2].split("https://www.afip.gob.ar/fe/qr/?p=", 1)[1]))
+                payload = json.loads(base64.b64decode(lines[2].split(QR, 1)[1]))
                 self.assertEqual((payload["nroCmp"], payload["codAut"], payload["importe"], payload["cuit"]),
                                  (number, int(cae), 121, 20111111112), language)
+
+    def test_each_binding_hands_over_the_cores_results_codes_and_messages(self):
+        """What the invoice examples leave out, through each binding's own class: every function, the
+        code and the core's message of a failure, and the outcome a failure still carries."""
+        with open(os.path.join(SAMPLES, "factura_b.json")) as file:
+            voucher = json.load(file)
+        sale = lambda sale_id, **changes: json.dumps(dict(voucher, sale_id=sale_id, **changes))
+        rejected_answer = "<FECAESolicitarResult><FeCabResp><Resultado>R</Resultado></FeCabResp></FECAESolicitarResult>"
+        qr_voucher = {"fecha": "20240102", "cuit": 20111111112, "ptoVta": 1, "tipoCmp": 6, "nroCmp": 7, "importe": "1.5",
+                      "tipoDocRec": 99, "nroDocRec": 0, "codAut": "12345678901234"}
+        with tempfile.TemporaryDirectory() as scratch, Simulator("--refuse-relogin-seconds", "0") as simulator:
+            png = os.path.join(scratch, "qr.png")
+            cases = (  # action, argument, code, what its line holds (code, message and output, tab-separated)
+                ("batch", "[%s,%s]" % (sale("b1"), sale("b2")), 0, '"sale_id":"b2","Resultado":"A"'),
+                ("batch", "{}", 65, "must be a JSON list\t"),
+                ("authorise", sale("b1", ImpTotal=122), 22, "b1 belongs to another voucher"),
+                ("authorise", sale("r1", ImpTotal=122), 20, '\tAFIP rejected the voucher\t{"sale_id":"r1","Resultado":"R"'),
+                ("log", "", 0, "FECAESolicitar"),
+                ("list", "", 0, '"sale_id":"r1","state":"rejected"'),
+                ("list", '{"point_of_sale":2}', 0, "\t\t[]"),
+                ("show", "b2", 0, '"sale_id":"b2","state":"approved"'),
+                ("show", "nope", 25, "no sale 'nope'\t"),
+                ("read", rejected_answer, 0, '"Resultado":"R"'),
+                ("read", "no xml", 65, "no FECAESolicitarResult\t"),
+                ("qr", json.dumps(qr_voucher), 0, "\t\t" + QR),
+                ("qr", "{}", 65, "fecha"),
+                ("png", os.path.join(scratch, "none", "qr.png"), 73, scratch),
+                ("png", png, 0, "\t\t"))
+            settings = json.dumps({"cuit": 20111111112, "wsaa_url": simulator.wsaa(), "certificate": fixture("signer.p12"),
+                                   "password": "pw", "url": simulator.wsfe()})
+            probes = {variant: compile_pascal(scratch, os.path.join(SOURCE, "tests", "tools", "invoicing_probe.pas"), variant)
+                      for variant in (() if PRELOAD else ("pascal linked", "pascal loaded"))}
+            if not EMULATION:
+                probes["java"] = compile_java(scratch, os.path.join(SOURCE, "tests", "tools", "InvoicingProbe.java"))
+            if not probes:
+                self.skipTest("no binding runs here: Pascal beside a preloaded sanitizer, Java under emulation")
+            for language, probe in probes.items():
+                work = os.path.join(scratch, "run-" + language.replace(" ", "-"))
+                os.mkdir(work)
+                refused = run(probe + ['{"bogus": 1}'], cwd=work, env=dict(PRELOAD, **LIBRARIES))
+                self.assertEqual(refused.stdout, "65\tunknown setting 'bogus'\t\n", (language, refused.stderr))
+                arguments = [word for action, argument, _, _ in cases for word in (action, argument)]
+                result = run(probe + [settings] + arguments, cwd=work, env=dict(PRELOAD, **LIBRARIES))
+                lines = result.stdout.splitlines()
+                self.assertEqual(len(lines), len(cases), (language, result.stdout, result.stderr))
+                for (action, argument, code, holds), line in zip(cases, lines):
+                    self.assertEqual(line.split("\t")[0], str(code), (language, action, line))
+                    self.assertIn(holds, line, (language, action))
+                with open(png, "rb") as image:
+                    self.assertEqual(image.read(8), b"\x89PNG\r\n\x1a\n", language)
+                os.remove(png)
 
 
 if __name__ == "__main__":

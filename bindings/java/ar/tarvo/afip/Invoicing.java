@@ -1,144 +1,191 @@
 package ar.tarvo.afip;
 
-import java.io.ByteArrayInputStream;
-import java.math.BigDecimal;
-import java.math.RoundingMode;
-import java.nio.charset.StandardCharsets;
-import java.util.ArrayList;
-import java.util.Base64;
-import java.util.List;
-import javax.xml.parsers.DocumentBuilderFactory;
-import org.w3c.dom.Document;
-import org.w3c.dom.Element;
-import org.w3c.dom.Node;
-import org.w3c.dom.NodeList;
+import com.sun.jna.Library;
+import com.sun.jna.Native;
+import com.sun.jna.Pointer;
+import com.sun.jna.ptr.PointerByReference;
+
+import java.util.Arrays;
+import java.util.Map;
 
 /**
- * WSFEv1's invoicing answers read with the JDK's DOM, and AFIP's QR address (RG 4892/2020).
+ * libtarvoafipinvoicing for Java through JNA: vouchers authorised at most once through the core's
+ * ledger, FECAESolicitar answers read, AFIP's QR code made. The core does the work; this class passes
+ * its JSON in and out as strings (tarvoafipinvoicing.h names every key), to be read with the host's
+ * own JSON library.
  *
  * <pre>
- * Invoicing.Authorisation answer = Invoicing.readAuthorisation(afip.sendSoap(request));
- * if ("A".equals(answer.resultado))
- *     System.out.println(answer.cae + " " + Invoicing.qrUrl(answer.cbteFch, 20111111112L, 1, 6, answer.cbteNro,
- *                        new BigDecimal("121.00"), "PES", BigDecimal.ONE, 99, 0, answer.cae));
+ * try (Invoicing invoicing = Invoicing.open("{\"cuit\":20111111112,\"env\":\"homologation\","
+ *                                           + "\"certificate\":" + Invoicing.quote(path) + ",\"password\":\"...\"}")) {
+ *     String outcome = invoicing.authorise(voucherJson);  // {"CbteNro":..., "CAE":..., "qr_url":...}
+ * } catch (Invoicing.Failure failure) {                    // failure.code, failure.getMessage(), failure.output
+ * }
  * </pre>
  *
- * Elements are matched by local name, whatever their prefix.
+ * The library is the one named by TARVO_INVOICING_LIBRARY, else libtarvoafipinvoicing.so.1 through the
+ * loader's search path. An object owns one handle, that is one configuration: use it from one thread at
+ * a time; several objects may work at once.
  */
-public final class Invoicing {
-    public static final String QR_ADDRESS = "https://www.afip.gob.ar/fe/qr/?p=";
+public final class Invoicing implements AutoCloseable {
+    public static final String SONAME = "libtarvoafipinvoicing.so.1";
 
-    private Invoicing() {
+    /** Result codes of tarvoafipinvoicing.h; 1 to 17 are libtarvoafipdriver's ({@link TarvoAfip.Result}). */
+    public static final int OK = 0, REJECTED = 20, OUTCOME_UNKNOWN = 21, SALE_CONFLICT = 22, LEDGER_ERROR = 23,
+        BUSY = 24, NOT_FOUND = 25, BAD_INPUT = 65, INTERNAL = 70, CANNOT_WRITE = 73;
+
+    /** The C functions as JNA maps them; strings travel as UTF-8, an answer as the bytes it came in. */
+    public interface Functions extends Library {
+        int tarvo_invoicing_version();
+        int tarvo_invoicing_open(String settingsJson, PointerByReference handle);
+        void tarvo_invoicing_close(Pointer handle);
+        Pointer tarvo_invoicing_message(Pointer handle);
+        int tarvo_invoicing_authorise(Pointer handle, String voucherJson, PointerByReference outcomeJson);
+        int tarvo_invoicing_authorise_batch(Pointer handle, String vouchersJson, PointerByReference outcomesJson);
+        int tarvo_invoicing_ledger_list(Pointer handle, String filterJson, PointerByReference salesJson);
+        int tarvo_invoicing_ledger_show(Pointer handle, String saleId, PointerByReference saleJson);
+        int tarvo_invoicing_read_answer(Pointer handle, byte[] answerXml, PointerByReference outcomeJson);
+        int tarvo_invoicing_qr_url(Pointer handle, String voucherJson, PointerByReference url);
+        int tarvo_invoicing_qr_png(Pointer handle, String text, String pngPath);
+        int tarvo_invoicing_transfer_log(Pointer handle, PointerByReference log);
+        void tarvo_invoicing_free(Pointer text);
     }
 
-    /** An Obs, Err or Evt: its code and message. */
-    public static final class Message {
-        public final long code;
-        public final String msg;
+    /** A non-zero result code with the core's message; output is the JSON the core gave with it, or null:
+     *  the outcome of a rejected voucher (20), of one whose outcome is unknown (21) or of a failed exchange
+     *  (1-17), a batch's outcomes. */
+    public static final class Failure extends Exception {
+        public final int code;
+        public final String output;
 
-        Message(long code, String msg) {
+        Failure(int code, String message, String output) {
+            super(message.isEmpty() ? "libtarvoafipinvoicing result " + code : message);
             this.code = code;
-            this.msg = msg;
-        }
-
-        @Override
-        public String toString() {
-            return code + ": " + msg;
+            this.output = output;
         }
     }
 
-    /** What FECAESolicitar said about its (first) voucher. */
-    public static final class Authorisation {
-        public String resultado = "";
-        public long cbteNro;
-        public String cbteFch = "";
-        public String cae = "";
-        public String caeFchVto = "";
-        public final List<Message> observaciones = new ArrayList<>();
-        public final List<Message> errors = new ArrayList<>();
+    public final Functions functions;
+    private Pointer handle;
+
+    private Invoicing(Functions functions, Pointer handle) {
+        this.functions = functions;
+        this.handle = handle;
     }
 
-    /** The answer read; null when it holds no FECAESolicitarResult (not XML, a SOAP fault). */
-    public static Authorisation readAuthorisation(byte[] answer) {
-        Element result = find(answer, "FECAESolicitarResult");
-        if (result == null)
-            return null;
-        Authorisation read = new Authorisation();
-        Element detail = child(child(result, "FeDetResp"), "FECAEDetResponse");
-        read.resultado = text(detail, "Resultado");
-        if (read.resultado.isEmpty())
-            read.resultado = text(child(result, "FeCabResp"), "Resultado");
-        read.cbteNro = number(text(detail, "CbteDesde"));
-        read.cbteFch = text(detail, "CbteFch");
-        read.cae = text(detail, "CAE");
-        read.caeFchVto = text(detail, "CAEFchVto");
-        messages(child(detail, "Observaciones"), read.observaciones);
-        messages(child(result, "Errors"), read.errors);
-        return read;
+    /** The library named by TARVO_INVOICING_LIBRARY, else the installed one. */
+    public static Functions load() {
+        String path = System.getenv("TARVO_INVOICING_LIBRARY");
+        return load(path == null || path.isEmpty() ? SONAME : path);
     }
 
-    /** CbteNro of a FECompUltimoAutorizado answer; -1 when it holds none or errors. */
-    public static long readLastAuthorised(byte[] answer) {
-        Element result = find(answer, "FECompUltimoAutorizadoResult");
-        if (result == null || child(result, "Errors") != null)
-            return -1;
-        String text = text(result, "CbteNro");
-        return text.isEmpty() ? -1 : number(text);
+    public static Functions load(String path) {
+        return Native.load(path, Functions.class, Map.of(Library.OPTION_STRING_ENCODING, "UTF-8"));
     }
 
-    /** AFIP's verification address: fecha yyyymmdd, importe rounded to cents, ctz as given, codAut the CAE. */
-    public static String qrUrl(String fecha, long cuit, int ptoVta, int tipoCmp, long nroCmp, BigDecimal importe,
-                               String moneda, BigDecimal ctz, int tipoDocRec, long nroDocRec, String codAut) {
-        String payload = "{\"ver\":1,\"fecha\":\"" + fecha.substring(0, 4) + "-" + fecha.substring(4, 6) + "-"
-            + fecha.substring(6, 8) + "\",\"cuit\":" + cuit + ",\"ptoVta\":" + ptoVta + ",\"tipoCmp\":" + tipoCmp
-            + ",\"nroCmp\":" + nroCmp + ",\"importe\":" + importe.setScale(2, RoundingMode.HALF_UP).toPlainString()
-            + ",\"moneda\":\"" + moneda.replace("\\", "\\\\").replace("\"", "\\\"") + "\",\"ctz\":"
-            + ctz.toPlainString() + ",\"tipoDocRec\":" + tipoDocRec + ",\"nroDocRec\":" + nroDocRec
-            + ",\"tipoCodAut\":\"E\",\"codAut\":" + Long.parseLong(codAut) + "}";
-        return QR_ADDRESS + Base64.getEncoder().encodeToString(payload.getBytes(StandardCharsets.UTF_8));
+    // Loaded at the first open that names no library, once for the whole JVM.
+    private static final class Installed {
+        static final Functions FUNCTIONS = load();
     }
 
-    private static Element find(byte[] answer, String name) {
-        try {
-            DocumentBuilderFactory factory = DocumentBuilderFactory.newInstance();
-            factory.setNamespaceAware(true);
-            // An answer is data: no DTDs, no external entities.
-            factory.setFeature("http://apache.org/xml/features/disallow-doctype-decl", true);
-            Document document = factory.newDocumentBuilder().parse(new ByteArrayInputStream(answer));
-            NodeList found = document.getElementsByTagNameNS("*", name);
-            return found.getLength() == 0 ? null : (Element) found.item(0);
-        } catch (Exception notXml) {
-            return null;
+    /** A handle on settings as tarvo_invoicing_open takes them; refused settings throw a Failure (65). */
+    public static Invoicing open(String settingsJson) throws Failure {
+        return open(Installed.FUNCTIONS, settingsJson);
+    }
+
+    public static Invoicing open(Functions functions, String settingsJson) throws Failure {
+        PointerByReference opened = new PointerByReference();
+        int code = functions.tarvo_invoicing_open(settingsJson, opened);
+        Invoicing invoicing = new Invoicing(functions, opened.getValue());
+        if (code != OK) {
+            Failure failure = invoicing.failure(code, null);
+            invoicing.close();
+            throw failure;
         }
+        return invoicing;
     }
 
-    private static Element child(Element parent, String name) {
-        if (parent == null)
-            return null;
-        for (Node node = parent.getFirstChild(); node != null; node = node.getNextSibling())
-            if (node instanceof Element && name.equals(node.getLocalName()))
-                return (Element) node;
-        return null;
+    /** The outcome of one voucher, at most once per sale id. */
+    public String authorise(String voucherJson) throws Failure {
+        PointerByReference outcome = new PointerByReference();
+        return checked(functions.tarvo_invoicing_authorise(handle, voucherJson, outcome), outcome);
     }
 
-    private static String text(Element parent, String name) {
-        Element element = child(parent, name);
-        return element == null ? "" : element.getTextContent().trim();
+    /** The outcomes of a JSON list of vouchers, in their order. */
+    public String authoriseBatch(String vouchersJson) throws Failure {
+        PointerByReference outcomes = new PointerByReference();
+        return checked(functions.tarvo_invoicing_authorise_batch(handle, vouchersJson, outcomes), outcomes);
     }
 
-    private static long number(String text) {
-        try {
-            return Long.parseLong(text);
-        } catch (NumberFormatException notANumber) {
-            return 0;
+    /** The ledger's sales; filterJson null for all. */
+    public String ledgerList(String filterJson) throws Failure {
+        PointerByReference sales = new PointerByReference();
+        return checked(functions.tarvo_invoicing_ledger_list(handle, filterJson, sales), sales);
+    }
+
+    public String ledgerShow(String saleId) throws Failure {
+        PointerByReference sale = new PointerByReference();
+        return checked(functions.tarvo_invoicing_ledger_show(handle, saleId, sale), sale);
+    }
+
+    /** The outcome that a FECAESolicitar answer gives, for hosts that send their own requests
+     *  ({@link TarvoAfip#sendSoap}): the bytes go to the core as they came. */
+    public String readAnswer(byte[] answerXml) throws Failure {
+        PointerByReference outcome = new PointerByReference();
+        byte[] terminated = Arrays.copyOf(answerXml, answerXml.length + 1);
+        return checked(functions.tarvo_invoicing_read_answer(handle, terminated, outcome), outcome);
+    }
+
+    /** AFIP's QR address of a voucher given with the QR payload's keys. */
+    public String qrUrl(String voucherJson) throws Failure {
+        PointerByReference url = new PointerByReference();
+        return checked(functions.tarvo_invoicing_qr_url(handle, voucherJson, url), url);
+    }
+
+    public void qrPng(String text, String pngPath) throws Failure {
+        checked(functions.tarvo_invoicing_qr_png(handle, text, pngPath), null);
+    }
+
+    /** The last exchange with AFIP; it holds the live ticket. */
+    public String transferLog() throws Failure {
+        PointerByReference log = new PointerByReference();
+        return checked(functions.tarvo_invoicing_transfer_log(handle, log), log);
+    }
+
+    /** Closes the handle; the methods that need one then fail with 65. */
+    @Override
+    public void close() {
+        functions.tarvo_invoicing_close(handle);
+        handle = null;
+    }
+
+    /** A JSON string literal of text, for hosts that write their settings and vouchers without a JSON library. */
+    public static String quote(String text) {
+        StringBuilder quoted = new StringBuilder(text.length() + 2).append('"');
+        for (char c : text.toCharArray()) {
+            if (c == '"' || c == '\\')
+                quoted.append('\\').append(c);
+            else if (c < 0x20)
+                quoted.append(String.format("\\u%04x", (int) c));
+            else
+                quoted.append(c);
         }
+        return quoted.append('"').toString();
     }
 
-    private static void messages(Element list, List<Message> into) {
-        if (list == null)
-            return;
-        for (Node node = list.getFirstChild(); node != null; node = node.getNextSibling())
-            if (node instanceof Element)
-                into.add(new Message(number(text((Element) node, "Code")), text((Element) node, "Msg")));
+    // Takes the core's text (and frees it) before checking the code: a failure may carry an outcome.
+    private String checked(int code, PointerByReference result) throws Failure {
+        String output = null;
+        if (result != null && result.getValue() != null) {
+            output = result.getValue().getString(0, "UTF-8");
+            functions.tarvo_invoicing_free(result.getValue());
+        }
+        if (code != OK)
+            throw failure(code, output);
+        return output;
+    }
+
+    private Failure failure(int code, String output) {
+        Pointer message = functions.tarvo_invoicing_message(handle);
+        return new Failure(code, message == null ? "" : message.getString(0, "UTF-8"), output);
     }
 }

@@ -1,0 +1,38 @@
+import ar.tarvo.afip.Invoicing;
+
+/** The Java binding's wiring for examples_test.py, as invoicing_probe.pas does it for Pascal. */
+public final class InvoicingProbe {
+    private static void report(int code, String message, String output) {
+        System.out.println(code + "\t" + message + "\t" + (output == null ? "" : output.replaceAll("[\r\n]", " ")));
+    }
+
+    public static void main(String[] arguments) throws Exception {
+        Invoicing invoicing;
+        try {
+            invoicing = Invoicing.open(arguments[0]);
+        } catch (Invoicing.Failure failure) {
+            report(failure.code, failure.getMessage(), failure.output);
+            return;
+        }
+        try (invoicing) {
+            for (int at = 1; at + 1 < arguments.length; at += 2) {
+                String argument = arguments[at + 1];
+                try {
+                    switch (arguments[at]) {
+                        case "authorise": report(0, "", invoicing.authorise(argument)); break;
+                        case "batch": report(0, "", invoicing.authoriseBatch(argument)); break;
+                        case "list": report(0, "", invoicing.ledgerList(argument.isEmpty() ? null : argument)); break;
+                        case "show": report(0, "", invoicing.ledgerShow(argument)); break;
+                        case "read": report(0, "", invoicing.readAnswer(argument.getBytes("UTF-8"))); break;
+                        case "qr": report(0, "", invoicing.qrUrl(argument)); break;
+                        case "png": invoicing.qrPng("https://www.afip.gob.ar/fe/qr/", argument); report(0, "", ""); break;
+                        case "log": report(0, "", invoicing.transferLog()); break;
+                        default: throw new IllegalArgumentException("unknown action " + arguments[at]);
+                    }
+                } catch (Invoicing.Failure failure) {
+                    report(failure.code, failure.getMessage(), failure.output);
+                }
+            }
+        }
+    }
+}
