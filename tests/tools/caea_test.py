@@ -27,6 +27,8 @@ def consult(point_of_sale, number):
 # (today, operation, request, {answer path: value}); "{caea}" stands for the CAEA granted on 2026-06-26.
 FORTNIGHT = [
     ("2026-06-25", "FECAEASolicitar", PERIOD, {"Errors/Err/Code": "15006", "ResultGet": None}),
+    ("2026-06-26", "FECAEASolicitar", PERIOD.replace("202607", "202613"), {"Errors/Err/Code": "15007"}),
+    ("2026-06-26", "FECAEASolicitar", PERIOD.replace("<ar:Orden>1", "<ar:Orden>3"), {"Errors/Err/Code": "15007"}),
     ("2026-06-26", "FECAEASolicitar", PERIOD, {"FchVigDesde": "20260701", "FchVigHasta": "20260715",
                                                "FchTopeInf": "20260723", "FchProceso": r"^20260626\d{6}$"}),
     ("2026-06-27", "FECAEASolicitar", PERIOD, {"Errors/Err/Code": "15008", "ResultGet": None}),
@@ -40,6 +42,7 @@ FORTNIGHT = [
     ("2026-07-10", "FECAEARegInformativo", inform(8, 1, "20260630"), {"Obs/Code": "10016"}),
     ("2026-07-10", "FECAEARegInformativo", inform(8, 1, "20260701", generated=None), {"Obs/Code": "1440"}),
     ("2026-07-10", "FECAEARegInformativo", inform(8, 1, "20260701", generated="20260701250000"), {"Obs/Code": "1440"}),
+    ("2026-07-10", "FECAEARegInformativo", inform(8, 1, "20260701", generated="20260701093060"), {"Obs/Code": "1440"}),
     ("2026-07-10", "FECAEARegInformativo", inform(8, 1, "20260701", caea="1" * 14), {"Errors/Err/Code": "602"}),
     ("2026-07-10", "FECAEARegInformativo", inform(3, 1, "20260701"), {"Errors/Err/Code": "10005"}),
     ("2026-07-10", "FECAESolicitar", sim.invoice(7, CbteDesde="2"), {"Errors/Err/Code": "10005"}),
@@ -52,6 +55,8 @@ FORTNIGHT = [
     ("2026-07-24", "FECAEASinMovimientoInformar", no_movement(10), {"Errors/Err/Code": "15009"}),
     ("2026-07-24", "FECAEASinMovimientoConsultar", no_movement(0, ""), {"FECAEASinMov/PtoVta": "9",
                                                                         "FECAEASinMov/CAEA": "{caea}"}),
+    ("2026-07-24", "FECAEASinMovimientoConsultar", no_movement(9), {"FECAEASinMov/PtoVta": "9"}),
+    ("2026-07-24", "FECAEASinMovimientoConsultar", no_movement(0, "1" * 14), {"Errors/Err/Code": "602"}),
     ("2026-07-24", "FECompConsultar", consult(7, 1), {"EmisionTipo": "CAEA", "CodAutorizacion": "{caea}",
                                                       "CbteFch": "20260705", "FchVto": ""}),
     ("2026-07-24", "FECompUltimoAutorizado", "<ar:PtoVta>7</ar:PtoVta><ar:CbteTipo>6</ar:CbteTipo>", {"CbteNro": "2"}),

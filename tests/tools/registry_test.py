@@ -81,8 +81,9 @@ class Registry(unittest.TestCase):
                 self.assertIsNotNone(persona.find("metadata/fechaHora"))
                 self.assertIsNone(persona.find("errorConstancia"), cuit)
         persona = self.ask(A5, "getPersona_v2", "20222222223")[1].find("personaReturn")
-        self.assertEqual([persona.findtext("datosMonotributo/categoriaMonotributo/descripcionCategoria"),
-                          persona.findtext("datosMonotributo/impuesto/idImpuesto")], ["D", "20"])
+        self.assertEqual([persona.findtext("datosMonotributo/categoriaMonotributo/" + f) for f in (
+            "descripcionCategoria", "idCategoria", "idImpuesto")] + [persona.findtext("datosMonotributo/impuesto/idImpuesto")],
+            ["D", "4", "20", "20"])
         address = self.ask(A5, "getPersona_v2", "30500010912")[1].find("personaReturn/datosGenerales/domicilioFiscal")
         self.assertEqual([address.findtext(f) for f in ("direccion", "localidad", "codPostal", "idProvincia")],
                          ["SAN MARTIN 500", "ROSARIO", "2000", "12"])
@@ -162,8 +163,8 @@ class PadronFile(unittest.TestCase):
             with Simulator("--padron", path) as simulator:
                 credentials = credentials_for(simulator, SERVICE[A5])
                 derived = {cuit: condition(ask(simulator, A5, "getPersona_v2", credentials, ids=(cuit,))[1].find(
-                    "personaReturn")) for cuit in ("30712345678", "20301234561", "20501234568")}
-                self.assertEqual(derived, {"30712345678": 4, "20301234561": 6, "20501234568": 6})
+                    "personaReturn")) for cuit in ("30712345678", "20301234561", "20501234568", "20111111112")}
+                self.assertEqual(derived, {"30712345678": 4, "20301234561": 6, "20501234568": 6, "20111111112": 1})
                 self.assertEqual(ask(simulator, A5, "getPersona_v2", credentials, ids=("30500010912",))[0], 500,
                                  "the built-in padron is replaced")
                 wsfe = credentials_for(simulator, "wsfe")

@@ -182,6 +182,7 @@ RULES = [
     ({"MonId": "DOL", "MonCotiz": None}, 10038, "R", "El campo MonCotiz es obligatorio…"),
     ({"MonCotiz": "2"}, 10039, "R", "Si MonId es PES el campo MonCotiz debe ser igual a 1."),
     ({"CbteTipo": "8"}, 10197, "R", "Si el comprobante es Debito o Credito, enviar estructura CbteAsoc o PeriodoAsoc."),
+    ({"CbteTipo": "208"}, 10197, "R", "Si el comprobante es Debito o Credito…"),
     ({"CbteTipo": "8", "PeriodoAsoc": "<ar:FchDesde>%s</ar:FchDesde>" % day(-30)}, None, "A", None),
     ({"CondicionIVAReceptorId": "99"}, 10242, "R",
      "El campo Condicion IVA receptor no es un valor valido. Consular metodo FEParamGetCondicionIvaReceptor"),
@@ -229,7 +230,9 @@ EDGES = [
     (AT, dict(DOLLARS, MonCotiz="4182.01"), "R", ["10119"]),
     (AT, dict(DOLLARS, MonCotiz="1046.5", CanMisMonExt="S"), "A", []),
     (AT, {"FchVtoPago": day(0)}, "A", []), (AT, {"FchServDesde": day(0)}, "R", ["10033"]),
-    (AT, dict(C, DocTipo="80", DocNro="23000000000"), "A", []),
+    (AT, dict(C, DocTipo="80", DocNro="23000000000"), "A", []), (AT, {"Iva": alic((7, 100, 21))}, "R", ["10019"]),
+    (AT, dict(C, CbteTipo="15", Iva=""), "R", ["10071"]),
+    (AT, {"CbteTipo": "8", "CbtesAsoc": ASSOCIATED}, "A", []),  # the Factura B 1 of point of sale 1, approved above
 ]
 
 

@@ -282,9 +282,11 @@ std::optional<int> Padron::condition_of(std::int64_t cuit) const
 
 std::vector<std::string> Padron::cuits_of_document(const std::string& document) const
 {
+    // A DNI of seven digits stands in a CUIT with a leading zero.
+    const std::string padded = document.size() < 8 ? std::string(8 - document.size(), '0') + document : document;
     std::vector<std::string> cuits;
     for (const auto& [cuit, person] : m_people)
-        if (person.kind == "FISICA" && document.size() == 8 && cuit.compare(2, 8, document) == 0)
+        if (person.kind == "FISICA" && !document.empty() && padded.size() == 8 && cuit.compare(2, 8, padded) == 0)
             cuits.push_back(cuit);
     return cuits;
 }
