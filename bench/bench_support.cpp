@@ -195,7 +195,10 @@ int run_program(const std::vector<std::string>& arguments, const std::string& ou
     return wait_for(spawn(arguments, output_path));
 }
 
-BackgroundProgram::BackgroundProgram(const std::vector<std::string>& arguments) : m_pid(spawn(arguments, "")) {}
+BackgroundProgram::BackgroundProgram(const std::vector<std::string>& arguments, const std::string& output_path)
+    : m_pid(spawn(arguments, output_path))
+{
+}
 
 BackgroundProgram::~BackgroundProgram()
 {
@@ -204,9 +207,17 @@ BackgroundProgram::~BackgroundProgram()
 }
 
 Simulator::Simulator(const std::string& program, const std::string& directory, const std::string& services,
-                     unsigned max_seconds)
-    : m_process({program, "--port", "0", "--port-file", directory + "/simulator.port", "--services", services,
-                 "--ticket-seconds", "1", "--max-seconds", std::to_string(max_seconds)})
+                     unsigned max_seconds, const std::vector<std::string>& options, const std::string& log_path)
+    : m_process(
+          [&] {
+              std::vector<std::string> arguments{program,     "--port",           "0",
+                                                 "--port-file", directory + "/simulator.port", "--services",
+                                                 services,    "--ticket-seconds", "1",
+                                                 "--max-seconds", std::to_string(max_seconds)};
+              arguments.insert(arguments.end(), options.begin(), options.end());
+              return arguments;
+          }(),
+          log_path)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (std::chrono::steady_clock::now() < deadline) {

@@ -30,7 +30,8 @@ int run_program(const std::vector<std::string>& arguments, const std::string& ou
 // A program left running in the background; terminated and reaped when the object goes.
 class BackgroundProgram {
 public:
-    explicit BackgroundProgram(const std::vector<std::string>& arguments);
+    // Standard output goes to output_path (or /dev/null).
+    explicit BackgroundProgram(const std::vector<std::string>& arguments, const std::string& output_path = "");
     ~BackgroundProgram();
     BackgroundProgram(const BackgroundProgram&) = delete;
     BackgroundProgram& operator=(const BackgroundProgram&) = delete;
@@ -40,10 +41,11 @@ private:
 };
 
 // The simulator over plain HTTP on a free loopback port; it stops by itself after max_seconds.
+// With a log path, its log of requests (one line each) goes there.
 class Simulator {
 public:
     Simulator(const std::string& program, const std::string& directory, const std::string& services,
-              unsigned max_seconds);
+              unsigned max_seconds, const std::vector<std::string>& options = {}, const std::string& log_path = "");
 
     std::string url(const std::string& path) const;
 

@@ -117,7 +117,11 @@ set(CPACK_DEBIAN_INVOICING_DEVELOPMENT_DESCRIPTION "invoicing core for AFIP's el
 The C header, the pkg-config file and the CMake package for building hosts
 against libtarvoafipinvoicing.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libtarvoafipdriver1 (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
+  "libtarvoafipdriver1 (= ${PROJECT_VERSION}), libtarvoafipinvoicing1 (= ${PROJECT_VERSION})")
+# The programs link the core built beside them, which dpkg-shlibdeps finds there but cannot map to
+# a package: the dependency on it is named above.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "AFIP simulator and command-line host for libtarvoafipdriver
 afip_simulator stands in for AFIP's WSAA and WSFEv1 services on loopback;
 tarvoafip_cli sends one SOAP request through the library, or authorises
@@ -130,8 +134,8 @@ set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
 set(CPACK_DEBIAN_PYTHON_DESCRIPTION "client library for AFIP's SOAP web services (Python 3)
 The module tarvoafip calls libtarvoafipdriver through ctypes;
 tarvoafip.invoicing calls the invoicing core libtarvoafipinvoicing, which
-authorises vouchers at most once per sale with a ledger, recovers a lost answer,
-sends batches and makes AFIP's QR code.")
+authorises vouchers at most once per sale with a ledger, recovers a lost
+answer, sends batches and makes AFIP's QR code.")
 set(CPACK_DEBIAN_JAVA_PACKAGE_SECTION java)
 set(CPACK_DEBIAN_JAVA_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_JAVA_PACKAGE_DEPENDS "default-jre-headless | java11-runtime-headless, libjna-java, \

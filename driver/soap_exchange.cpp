@@ -126,6 +126,7 @@ int32_t exchange_soap(const SoapSettings& settings, pugi::xml_document& request,
         request.traverse(fill);
 
         const uint16_t status = static_cast<uint16_t>(http->send_post_request(settings.ws_url, serialise_request(request)));
+        exchange.request_sent = http->request_sent();
         if (status == 408)
             return AFIP_TIMEOUT;
 

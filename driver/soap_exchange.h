@@ -29,6 +29,7 @@ struct SoapExchange {
     std::string sign;
     std::string answer;
     std::string log;
+    bool request_sent = false; // the request reached the wire (it may have been processed)
 };
 
 // TARVO_TLS_VERIFY and TARVO_CA_FILE as the host's process has them now.

@@ -145,6 +145,12 @@ void EasyHTTP::verify_peer(const std::string& ca_file)
         curl_easy_setopt(m_curl, CURLOPT_CAINFO, ca_file.c_str());
 }
 
+bool EasyHTTP::request_sent() const
+{
+    long size = 0;
+    return m_curl != nullptr && curl_easy_getinfo(m_curl, CURLINFO_REQUEST_SIZE, &size) == CURLE_OK && size > 0;
+}
+
 int32_t EasyHTTP::send_post_request(std::string url, std::string body)
 {
     m_log_response_headers.clear();

@@ -39,6 +39,9 @@ public:
     void clear_request_headers();
     void set_time_out(uint32_t time_out);
     uint32_t get_timeout() const;
+    // Whether the last transfer put any request bytes on the wire: a connection that failed
+    // before it (refused, unreachable, the TLS handshake) sent nothing.
+    bool request_sent() const;
     void set_security(tls_security_level_t level);
     void set_proxy(std::string proxy_url, std::string proxy_username, std::string proxy_password);
     // Checks the server's certificate chain and host name from now on, against the PEM

@@ -19,6 +19,8 @@
 #ifndef TARVOAFIPINVOICING_H
 #define TARVOAFIPINVOICING_H
 
+#include <stddef.h>
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -36,6 +38,14 @@ extern "C" {
 #define TARVO_INVOICING_LEDGER_ERROR 23    /* the ledger cannot be used: nothing sent */
 #define TARVO_INVOICING_BUSY 24            /* another process kept the series too long: nothing sent */
 #define TARVO_INVOICING_NOT_FOUND 25       /* no such sale in the ledger */
+#define TARVO_INVOICING_UNKNOWN_CUIT 26    /* AFIP's registry does not know the CUIT */
+#define TARVO_INVOICING_INACTIVE_KEY 27    /* AFIP's registry shows the CUIT's key inactive */
+#define TARVO_INVOICING_REGISTRY_REFUSED 28 /* the registry refused the question (its message says why),
+                                               or no registry address is configured */
+#define TARVO_INVOICING_CONDITION_UNFIT 29 /* the receptor's VAT condition does not go with the
+                                              voucher's class (FEParamGetCondicionIvaReceptor) */
+#define TARVO_INVOICING_CAEA 30           /* issued offline under a CAEA ("CAEA" in the outcome,
+                                              "informed" false): inform it with the "inform" command */
 #define TARVO_INVOICING_BAD_INPUT 65       /* the JSON is not what the function takes */
 #define TARVO_INVOICING_INTERNAL 70        /* a failure inside the library (out of memory...) */
 #define TARVO_INVOICING_CANNOT_WRITE 73    /* an output file cannot be written */
@@ -56,6 +66,12 @@ int tarvo_invoicing_version(void);
  *   "headers" (a list of "Name: value" lines sent with every request),
  *   "tls_verify" (true/false; absent: TARVO_TLS_VERIFY), "ca_file",
  *   "series_wait_ms"  how long to wait for another process's work on the same series (120000)
+ *   "registry_url", "registry_a13_url"  the registry's constancia (ws_sr_constancia_inscripcion)
+ *                     and A13 (ws_sr_padron_a13) addresses
+ *   "contingency"     true: a voucher that could not reach WSFEv1 (result 14 to 17, nothing sent) is
+ *                     issued under the fortnight's CAEA kept in the ledger (code 30); false (default):
+ *                     never
+ *   "caea_point_of_sale"  the point of sale contingency vouchers go to (default: the voucher's own)
  * Unknown keys are refused. *handle is always set (NULL only when out of memory), also on
  * failure, so that the message can be read; close it with tarvo_invoicing_close(). */
 int tarvo_invoicing_open(const char* settings_json, tarvo_invoicing** handle);
@@ -68,15 +84,24 @@ const char* tarvo_invoicing_message(const tarvo_invoicing* handle);
 
 /* Authorises one voucher, a JSON object with WSFEv1's field names (PtoVta, CbteTipo, Concepto,
  * DocTipo, DocNro, ImpTotal... Iva, Tributos, CbtesAsoc, Opcionales) and an optional "sale_id",
- * the host's name for the sale. Amounts are JSON numbers or decimal texts. Without CbteNro the
+ * the host's name for the sale. Amounts are JSON numbers or decimal texts.
+ * "CondicionIVAReceptorId": "padron", or the field left out on a voucher to DocTipo 80 (a CUIT),
+ * makes the core ask AFIP's registry for the receptor's condition (answers are kept in the ledger
+ * for a day) and check it against the voucher's class before sending: 26, 27, 28, 29 or 1-17 when
+ * it cannot, and nothing is sent. Not sent to AFIP but kept for the printout: "receptor"
+ * ({"name", "address"}) and "items" ([{"description", "quantity", "unit_price", "vat_rate_id"}],
+ * prices without VAT on classes A and M, with VAT on the others), which must add up to the
+ * voucher's amounts (a cent a line), or nothing is sent (65). Without CbteNro the
  * number is the next of the series; without CbteFch the date is today in Argentina.
  * At most once per sale id: one approved before returns its recorded outcome and sends nothing;
  * one left pending (a crash, a lost answer) is settled by FECompConsultar first; another voucher
  * under a used sale id is refused. Without a sale id one is made, and a rerun cannot be recognised.
- * *outcome_json receives the outcome for codes 0, 20, 21 and 1-17:
+ * *outcome_json receives the outcome for codes 0, 20, 21, 30 and 1-17:
  *   {"sale_id", "Resultado", "PtoVta", "CbteTipo", "CbteNro", "CbteFch", "CAE", "CAEFchVto",
  *    "Observaciones": [{"Code","Msg"}], "Errors": [...], "Events": [...], "recovered",
- *    "from_ledger", "qr_url", "status", "message"}
+ *    "from_ledger", "qr_url", "status", "message", "warnings"}
+ * (a voucher issued under a CAEA has "CAEA" and "informed" in place of "CAE" and "CAEFchVto";
+ * "warnings" tells of CAEA vouchers whose deadline to inform is near)
  * and NULL for the other codes. */
 int tarvo_invoicing_authorise(tarvo_invoicing* handle, const char* voucher_json, char** outcome_json);
 
@@ -86,6 +111,42 @@ int tarvo_invoicing_authorise(tarvo_invoicing* handle, const char* voucher_json,
  * "status" and "message" (65 for an element that is not a voucher). Returns 0 when every voucher
  * was approved, else the first non-zero status among them; BAD_INPUT when the text is no list. */
 int tarvo_invoicing_authorise_batch(tarvo_invoicing* handle, const char* vouchers_json, char** outcomes_json);
+
+/* CAEA contingency, a JSON command:
+ *   {"action": "request", "period": yyyymm, "order": 1 | 2}   FECAEASolicitar (FECAEAConsultar when
+ *      granted before), kept in the ledger: {"CAEA", "Periodo", "Orden", "FchVigDesde",
+ *      "FchVigHasta", "FchTopeInf", "FchProceso", "Errors", "Events"}; 20 when none is granted
+ *   {"action": "show"}      the CAEAs the ledger keeps, a list as above
+ *   {"action": "inform"}    FECAEARegInformativo of every CAEA voucher not yet informed: a list of
+ *      {"sale_id", "PtoVta", "CbteTipo", "CbteNro", "CAEA", "informed" ("yes", "refused", "no"),
+ *      "Observaciones", "Errors", "message"}; 0 when all went, 20 some refused, 21 unknown
+ *   {"action": "no_movement", "point_of_sale": N, "period": yyyymm, "order": 1 | 2}
+ *      FECAEASinMovimientoInformar: {"CAEA", "PtoVta", "Resultado", "Errors"}
+ *   {"action": "status"}    {"pending": [{"sale_id", ..., "FchTopeInf", "days_left"}], "caeas",
+ *      "warnings"}
+ * Without period and order, the fortnight of today in Argentina. */
+int tarvo_invoicing_caea(tarvo_invoicing* handle, const char* command_json, char** result_json);
+
+/* What AFIP's registry says of a CUIT, on behalf of the settings' "cuit": a query
+ *   {"cuit": N, "service": "ws_sr_constancia_inscripcion" (default) or "ws_sr_padron_a13",
+ *    "reuse": true to take an answer the ledger kept less than a day ago}
+ * gives {"cuit", "name", "person_type", "key_state", "address": {"street", "locality",
+ * "postal_code", "province", "province_id"}, "taxes": [{"id", "description", "period"}] (null from
+ * A13), "monotributo_category", "CondicionIVAReceptorId" (derived from the taxes: IVA 1,
+ * monotributo 6, IVA exento 4, else 5; null from A13), "condition_description", "errors",
+ * "service", "from_cache"}. 26 unknown CUIT (NULL), 27 inactive key (with the person), 28 a
+ * refusal, 1-17 when the login or the exchange failed. The answer is kept in the ledger. */
+int tarvo_invoicing_lookup(tarvo_invoicing* handle, const char* query_json, char** person_json);
+
+/* A printed voucher of an approved sale of the ledger:
+ *   {"sale_id": "...", "issuer": {profile} or "issuer_file": "issuer.json",
+ *    "format": "pdf-a4" (default), "pdf-80mm" or "escpos"}
+ * The issuer profile is a JSON object: "name", "address", "cuit", "iibb", "activities_start",
+ * "vat_condition", and optional "logo" (a PNG's path) and "footer". The receiver comes from the
+ * voucher's "receptor" ({"name", "address"}), else from what the registry said of its CUIT. The
+ * bytes go to *data (freed with tarvo_invoicing_free), their count to *length. NOT_FOUND for an
+ * unknown sale id; BAD_INPUT for a sale without a CAE, a bad profile or request. */
+int tarvo_invoicing_receipt(tarvo_invoicing* handle, const char* request_json, char** data, size_t* length);
 
 /* The ledger's sales, a JSON list, selected by a JSON object (or NULL for all):
  *   {"from": "yyyymmdd", "to": "yyyymmdd", "point_of_sale": N}  (voucher dates, inclusive)

@@ -6,8 +6,9 @@
 #include "tarvoafipdriver.h"
 #include "util/wsfev1.h"
 
-LibraryChannel::LibraryChannel(SoapSettings settings, std::vector<std::string> headers)
-    : m_settings(std::move(settings)), m_headers(std::move(headers))
+LibraryChannel::LibraryChannel(SoapSettings settings, std::vector<std::string> headers,
+                               std::shared_ptr<std::string> last_log)
+    : m_settings(std::move(settings)), m_headers(std::move(headers)), m_last_log(std::move(last_log))
 {
 }
 
@@ -18,7 +19,8 @@ ServiceExchange LibraryChannel::send(const std::string& operation, const std::st
     SoapExchange exchange;
     ServiceExchange result;
     result.result = send_soap(m_settings, request, std::move(headers), exchange);
-    m_last_log = std::move(exchange.log);
+    *m_last_log = std::move(exchange.log);
+    result.sent = exchange.request_sent;
     if (result.result == AFIP_OK || result.result == AFIP_RESPONSE_NOT_XML)
         result.answer = std::move(exchange.answer);
     return result;

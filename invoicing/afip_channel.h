@@ -2,6 +2,7 @@
 #define TARVO_INVOICING_AFIP_CHANNEL_H
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,7 @@
 struct ServiceExchange {
     std::int32_t result = 0;
     std::string answer; // kept for results 0 and 14 (an answer that is not XML)
+    bool sent = true;   // the request may have reached the service; false: surely not
 };
 
 // How the invoicing core reaches WSFEv1 and the registry.
@@ -26,16 +28,18 @@ public:
 // working directory's credentials.json as every host's, and the transport settings.
 class LibraryChannel : public AfipChannel {
 public:
-    LibraryChannel(SoapSettings settings, std::vector<std::string> headers);
+    // Channels that share `last_log` leave the log of whichever exchanged last there.
+    LibraryChannel(SoapSettings settings, std::vector<std::string> headers,
+                   std::shared_ptr<std::string> last_log = std::make_shared<std::string>());
     ServiceExchange send(const std::string& operation, const std::string& request) override;
     void pause(int milliseconds) override;
     // The transfer log of the last exchange.
-    const std::string& last_log() const { return m_last_log; }
+    const std::string& last_log() const { return *m_last_log; }
 
 private:
     SoapSettings m_settings;
     std::vector<std::string> m_headers; // the host's own, before the SOAPAction
-    std::string m_last_log;
+    std::shared_ptr<std::string> m_last_log;
 };
 
 #endif

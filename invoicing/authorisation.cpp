@@ -9,11 +9,13 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "invoicing/caea.h"
 #include "invoicing/qr.h"
 #include "invoicing/series_lock.h"
 #include "invoicing/wsfev1_requests.h"
 #include "tarvoafipdriver.h"
 #include "util/argentina_time.h"
+#include "util/os_util.h"
 
 namespace {
 
@@ -69,30 +71,12 @@ std::optional<long long> whole_of(const std::string& text)
     return std::stoll(text);
 }
 
-// Whether the voucher FECompConsultar found is this one, sent with that date: same receiver
-// and amounts. Only asked of a number this sale was sent with.
-bool is_same_voucher(const ConsultedVoucher& found, const Voucher& voucher, const std::string& date)
-{
-    const auto same_whole = [&](const char* name, long long expected) { return whole_of(found.field(name)) == expected; };
-    const auto same_amount = [&](const char* name, Money expected) {
-        const std::string text = found.field(name);
-        return text.empty() || Money::parse(text) == expected;
-    };
-    const std::string currency = found.field("MonId");
-    return found.field("CbteFch") == date && same_whole("Concepto", voucher.concept) &&
-           same_whole("DocTipo", voucher.document_type) && same_whole("DocNro", voucher.document_number) &&
-           Money::parse(found.field("ImpTotal")) == voucher.total && same_amount("ImpTotConc", voucher.untaxed) &&
-           same_amount("ImpNeto", voucher.net) && same_amount("ImpOpEx", voucher.exempt) &&
-           same_amount("ImpTrib", voucher.taxes_total) && same_amount("ImpIVA", voucher.vat_total) &&
-           (currency.empty() || currency == voucher.currency);
-}
-
 std::string qr_address(const Voucher& voucher, std::int64_t cuit, std::int64_t number, const std::string& date,
-                       const std::string& code)
+                       const std::string& code, bool advance = false)
 {
     return qr_url(QrVoucher{date, cuit, voucher.point_of_sale, voucher.voucher_type, number, voucher.total,
                             voucher.currency, voucher.exchange_rate, voucher.document_type, voucher.document_number,
-                            code, false});
+                            code, advance});
 }
 
 // What FECompConsultar said of a number.
@@ -143,7 +127,8 @@ Recovery recovery_action(bool lost, Fate fate, bool same, bool fixed)
 
 // One sale being worked on.
 struct Item {
-    const Voucher* voucher = nullptr;
+    Voucher own;                      // the voucher, completed from the registry when it needs it
+    const Voucher* voucher = nullptr; // &own
     std::string canonical, digest;
     std::optional<std::int64_t> number; // the number it holds now
     std::string date;                   // the date it was last sent with
@@ -188,6 +173,7 @@ public:
                 queue.push_back(item);
         if (!settle_pending(items, queue))
             return;
+        complete(queue);
         send_all(queue);
     }
 
@@ -219,6 +205,26 @@ private:
         for (const SaleAttempt& attempt : m_ledger.attempts(item.voucher->sale_id))
             item.sent.insert(attempt.number);
         return true;
+    }
+
+    // Vouchers that need the registry get their receptor's condition now; one that cannot have it
+    // is not sent.
+    void complete(std::deque<Item*>& queue)
+    {
+        for (auto at = queue.begin(); at != queue.end();) {
+            Item& item = **at;
+            std::string message;
+            const int status = needs_registry(item.own) && m_settings.complete_voucher
+                                   ? m_settings.complete_voucher(item.own, message)
+                                   : status::approved;
+            if (status == status::approved) {
+                item.canonical = canonical_voucher(item.own);
+                ++at;
+                continue;
+            }
+            finish(item, status, message + "; nothing was sent");
+            at = queue.erase(at);
+        }
     }
 
     // Every sale of the series left pending, by this host or another, is settled before the series
@@ -287,7 +293,7 @@ private:
             std::vector<SaleRecord> intents;
             for (Item* item : chunk) {
                 item->number = next++;
-                item->date = item->voucher->date.empty() ? argentina_today() : item->voucher->date;
+                item->date = item->voucher->date.empty() ? argentina_today(wall_clock_now()) : item->voucher->date;
                 intents.push_back(item->record(m_series));
             }
             try {
@@ -309,7 +315,7 @@ private:
             }
             const ServiceExchange sent = m_channel.send("FECAESolicitar", authorisation_request(m_settings.cuit, request));
             std::vector<Item*> again;
-            if (never_reached(sent.result)) {
+            if (never_reached(sent.result) || !sent.sent) {
                 for (Item* item : chunk) {
                     item->number.reset();
                     finish(*item, sent.result, "the request did not reach WSFEv1");
@@ -631,7 +637,98 @@ private:
     std::vector<SaleRecord> m_adopted;
 };
 
+// Sales whose CAE attempt surely sent nothing go under the fortnight's CAEA, numbered from the
+// ledger; a sale whose CAE attempt may have reached AFIP (pending) never does.
+void issue_offline(Ledger& ledger, const AuthorisationSettings& settings, std::vector<Item>& items)
+{
+    std::map<std::pair<int, int>, std::vector<Item*>> by_series;
+    // WSFEv1 or WSAA unreachable: a connection that failed, a time-out, before anything was sent.
+    const auto unreachable = [](int status) { return status >= 14 && status <= 17; };
+    for (Item& item : items)
+        if (item.done && unreachable(item.outcome.status))
+            by_series[{settings.caea_point_of_sale.value_or(item.own.point_of_sale), item.own.voucher_type}].push_back(&item);
+    for (auto& [key, group] : by_series) {
+        const SeriesKey series{settings.cuit, key.first, key.second};
+        const auto refuse = [&](Item& item, const std::string& why) {
+            item.outcome.message += "; not issued under a CAEA either: " + why;
+        };
+        try {
+            const SeriesLock lock(ledger.path(), series, settings.series_wait);
+            for (Item* item : group) {
+                const std::string date = item->own.date.empty() ? argentina_today(wall_clock_now()) : item->own.date;
+                const auto fortnight = fortnight_of(date);
+                const std::optional<CaeaGrant> grant = fortnight ? ledger.caea(settings.cuit, fortnight->first, fortnight->second)
+                                                                 : std::nullopt;
+                std::optional<std::int64_t> last = ledger.last_number(series);
+                if (!last && settings.caea_point_of_sale)
+                    last = 0; // a contingency point of sale the ledger never used starts at 1
+                if (!grant) {
+                    refuse(*item, "the ledger keeps no CAEA for the fortnight of " + date + " (caea request)");
+                } else if (date < grant->valid_from || date > grant->valid_to) {
+                    refuse(*item, "CAEA " + grant->code + " is valid from " + grant->valid_from + " to " + grant->valid_to);
+                } else if (!ledger.pending_sales(series).empty()) {
+                    refuse(*item, "a CAE attempt of point of sale " + std::to_string(series.point_of_sale) +
+                                      " is still pending, so its next number is not known");
+                } else if (!last) {
+                    refuse(*item, "the ledger does not know the last number of point of sale " +
+                                      std::to_string(series.point_of_sale) + ", type " + std::to_string(series.voucher_type));
+                } else {
+                    item->own.point_of_sale = series.point_of_sale;
+                    SaleRecord sale = item->record(series);
+                    sale.voucher = canonical_voucher(item->own);
+                    sale.number = *last + 1;
+                    sale.date = date;
+                    sale.cae = grant->code;
+                    sale.generated_at = format_argentina_date(wall_clock_now(), true);
+                    ledger.record_caea_sale(sale);
+                    SaleOutcome& outcome = item->outcome;
+                    outcome = SaleOutcome{};
+                    outcome.status = status::caea_issued;
+                    outcome.sale_id = sale.sale_id;
+                    outcome.result = "A";
+                    outcome.point_of_sale = series.point_of_sale;
+                    outcome.voucher_type = series.voucher_type;
+                    outcome.number = *sale.number;
+                    outcome.date = date;
+                    outcome.cae = grant->code;
+                    outcome.emission = "CAEA";
+                    outcome.message = "WSFEv1 could not be reached: issued under CAEA " + grant->code +
+                                      ", to be informed by " + grant->report_by;
+                    outcome.qr_url =
+                        qr_address(item->own, settings.cuit, outcome.number, date, grant->code, true);
+                }
+            }
+        } catch (const std::runtime_error& error) {
+            for (Item* item : group)
+                if (item->outcome.status != status::caea_issued)
+                    refuse(*item, error.what());
+        }
+    }
+}
+
 } // namespace
+
+bool is_same_voucher(const ConsultedVoucher& found, const Voucher& voucher, const std::string& date)
+{
+    const auto same_whole = [&](const char* name, long long expected) { return whole_of(found.field(name)) == expected; };
+    const auto same_amount = [&](const char* name, Money expected) {
+        const std::string text = found.field(name);
+        return text.empty() || Money::parse(text) == expected;
+    };
+    const std::string currency = found.field("MonId");
+    return found.field("CbteFch") == date && same_whole("Concepto", voucher.concept) &&
+           same_whole("DocTipo", voucher.document_type) && same_whole("DocNro", voucher.document_number) &&
+           Money::parse(found.field("ImpTotal")) == voucher.total && same_amount("ImpTotConc", voucher.untaxed) &&
+           same_amount("ImpNeto", voucher.net) && same_amount("ImpOpEx", voucher.exempt) &&
+           same_amount("ImpTrib", voucher.taxes_total) && same_amount("ImpIVA", voucher.vat_total) &&
+           (currency.empty() || currency == voucher.currency);
+}
+
+bool needs_registry(const Voucher& voucher)
+{
+    const int cuit_document = 80;
+    return voucher.condition_from_registry || (!voucher.receiver_vat_condition && voucher.document_type == cuit_document);
+}
 
 SaleOutcome outcome_of_record(const SaleRecord& record)
 {
@@ -652,8 +749,14 @@ SaleOutcome outcome_of_record(const SaleRecord& record)
     outcome.observations = messages_from_text(record.observations);
     outcome.errors = messages_from_text(record.errors);
     outcome.events = messages_from_text(record.events);
+    outcome.emission = record.emission;
+    outcome.informed = record.informed == "yes";
+    const bool offline = record.emission == "CAEA";
+    if (record.state == SaleState::approved && offline)
+        outcome.status = status::caea_issued;
     if (record.state == SaleState::approved)
-        outcome.qr_url = qr_address(read_voucher(record.voucher), record.series.cuit, outcome.number, record.date, record.cae);
+        outcome.qr_url = qr_address(read_voucher(record.voucher), record.series.cuit, outcome.number, record.date,
+                                    record.cae, offline);
     return outcome;
 }
 
@@ -662,7 +765,7 @@ std::string generated_sale_id()
     unsigned char bytes[8];
     RAND_bytes(bytes, sizeof bytes);
     static const char hex[] = "0123456789abcdef";
-    std::string id = "sale-" + format_argentina_date(WallClock::now(), true) + "-";
+    std::string id = "sale-" + format_argentina_date(wall_clock_now(), true) + "-";
     for (const unsigned char byte : bytes)
         id += std::string{hex[byte >> 4], hex[byte & 15]};
     return id;
@@ -690,7 +793,8 @@ std::vector<SaleOutcome> Authoriser::authorise(const std::vector<Voucher>& vouch
     std::vector<std::pair<SeriesKey, std::vector<Item*>>> groups;
     for (size_t i = 0; i < vouchers.size(); ++i) {
         Item& item = items[i];
-        item.voucher = &vouchers[i];
+        item.own = vouchers[i];
+        item.voucher = &item.own;
         item.canonical = canonical_voucher(vouchers[i]);
         item.digest = sha256_hex(item.canonical);
         item.outcome.sale_id = vouchers[i].sale_id;
@@ -724,6 +828,9 @@ std::vector<SaleOutcome> Authoriser::authorise(const std::vector<Voucher>& vouch
                     item->outcome.message = std::string(error.what()) + "; nothing was sent", item->done = true;
         }
     }
+
+    if (m_settings.contingency)
+        issue_offline(m_ledger, m_settings, items);
 
     // A sale named twice: the second is the first's outcome, or a conflict when it is another voucher.
     for (const auto& [index, first] : repeats) {

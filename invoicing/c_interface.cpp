@@ -145,6 +145,46 @@ int tarvo_invoicing_authorise_batch(tarvo_invoicing* handle, const char* voucher
     return act(handle, outcomes_json, [&](InvoicingSession& session) { return session.authorise_batch(vouchers_json); });
 }
 
+int tarvo_invoicing_lookup(tarvo_invoicing* handle, const char* query_json, char** person_json)
+{
+    if (query_json == nullptr)
+        return refuse_null(handle, "the query", person_json);
+    return act(handle, person_json, [&](InvoicingSession& session) { return session.lookup(query_json); });
+}
+
+int tarvo_invoicing_receipt(tarvo_invoicing* handle, const char* request_json, char** data, size_t* length)
+{
+    if (length != nullptr)
+        *length = 0;
+    if (request_json == nullptr || length == nullptr)
+        return refuse_null(handle, request_json == nullptr ? "the request" : "the length", data);
+    std::string bytes;
+    const int status = act(handle, nullptr, [&](InvoicingSession& session) {
+        CoreResult result = session.receipt(request_json);
+        bytes = std::move(result.output).value_or("");
+        return CoreResult{result.status, result.message, std::nullopt};
+    });
+    if (data != nullptr)
+        *data = nullptr;
+    if (status == TARVO_INVOICING_OK && data != nullptr) {
+        try {
+            *data = copy_text(bytes);
+        } catch (const std::bad_alloc&) {
+            handle->message = "out of memory";
+            return TARVO_INVOICING_INTERNAL;
+        }
+        *length = bytes.size();
+    }
+    return status;
+}
+
+int tarvo_invoicing_caea(tarvo_invoicing* handle, const char* command_json, char** result_json)
+{
+    if (command_json == nullptr)
+        return refuse_null(handle, "the command", result_json);
+    return act(handle, result_json, [&](InvoicingSession& session) { return session.caea(command_json); });
+}
+
 int tarvo_invoicing_ledger_list(tarvo_invoicing* handle, const char* filter_json, char** sales_json)
 {
     return act(handle, sales_json,

@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "util/argentina_time.h"
+#include "util/os_util.h"
 
 namespace {
 
@@ -37,12 +38,27 @@ const char* const schema_steps[] = {
     " cuit INTEGER NOT NULL, point_of_sale INTEGER NOT NULL, voucher_type INTEGER NOT NULL,"
     " last_number INTEGER NOT NULL, learned_at TEXT NOT NULL,"
     " PRIMARY KEY (cuit, point_of_sale, voucher_type));",
+    // 2: what AFIP's registry said of a CUIT, kept for a day.
+    "CREATE TABLE registry ("
+    " cuit INTEGER NOT NULL, service TEXT NOT NULL, person TEXT NOT NULL, asked_at INTEGER NOT NULL,"
+    " PRIMARY KEY (cuit, service));",
+    // 3: CAEA contingency: the codes granted, how each sale was authorised, what was informed.
+    "CREATE TABLE caeas ("
+    " cuit INTEGER NOT NULL, period INTEGER NOT NULL, fortnight INTEGER NOT NULL, caea TEXT NOT NULL,"
+    " valid_from TEXT NOT NULL, valid_to TEXT NOT NULL, report_by TEXT NOT NULL, processed TEXT NOT NULL,"
+    " PRIMARY KEY (cuit, period, fortnight));"
+    "ALTER TABLE sales ADD COLUMN emission TEXT NOT NULL DEFAULT 'CAE';"
+    "ALTER TABLE sales ADD COLUMN generated_at TEXT NOT NULL DEFAULT '';"
+    "ALTER TABLE sales ADD COLUMN informed TEXT NOT NULL DEFAULT '';"
+    "CREATE TABLE no_movement ("
+    " cuit INTEGER NOT NULL, caea TEXT NOT NULL, point_of_sale INTEGER NOT NULL, declared_at TEXT NOT NULL,"
+    " result TEXT NOT NULL, messages TEXT NOT NULL, PRIMARY KEY (cuit, caea, point_of_sale));",
 };
 constexpr std::int64_t schema_version = static_cast<std::int64_t>(std::size(schema_steps));
 
 const char sale_columns[] =
     "sale_id, cuit, point_of_sale, voucher_type, number, date, voucher, digest, state, result, cae, cae_expiry,"
-    " observations, errors, events, recovered, message, created_at, updated_at";
+    " observations, errors, events, recovered, message, created_at, updated_at, emission, generated_at, informed";
 
 struct StateName {
     SaleState state;
@@ -83,12 +99,15 @@ SaleRecord read_sale(const Statement& row)
     sale.message = row.text(16);
     sale.created_at = row.text(17);
     sale.updated_at = row.text(18);
+    sale.emission = row.text(19);
+    sale.generated_at = row.text(20);
+    sale.informed = row.text(21);
     return sale;
 }
 
 std::string now_text()
 {
-    return format_argentina_time(WallClock::now());
+    return format_argentina_time(wall_clock_now());
 }
 
 Statement& bind_series(Statement& statement, int first, const SeriesKey& series)
@@ -294,7 +313,7 @@ void Ledger::record_intents(const std::vector<SaleRecord>& sales)
                          " ON CONFLICT (sale_id) DO UPDATE SET cuit = ?2, point_of_sale = ?3, voucher_type = ?4,"
                          " number = ?5, date = ?6, voucher = ?7, digest = ?8, state = 'pending', result = '',"
                          " cae = '', cae_expiry = '', observations = '[]', errors = '[]', events = '[]',"
-                         " recovered = 0, message = '', updated_at = ?9",
+                         " recovered = 0, message = '', updated_at = ?9, emission = 'CAE', generated_at = '', informed = ''",
                          "cannot record a sale's intent");
         Statement attempt(m_database,
                           "INSERT INTO attempts (sale_id, number, date, started_at) VALUES (?, ?, ?, ?)",
@@ -318,8 +337,8 @@ void Ledger::record_outcomes(const std::vector<SaleRecord>& sales)
         const std::string now = now_text();
         Statement update(m_database,
                          "UPDATE sales SET number = ?2, date = ?3, state = ?4, result = ?5, cae = ?6, cae_expiry = ?7,"
-                         " observations = ?8, errors = ?9, events = ?10, recovered = ?11, message = ?12, updated_at = ?13"
-                         " WHERE sale_id = ?1",
+                         " observations = ?8, errors = ?9, events = ?10, recovered = ?11, message = ?12, updated_at = ?13,"
+                         " emission = ?14, generated_at = ?15, informed = ?16 WHERE sale_id = ?1",
                          "cannot record a sale's outcome");
         Statement close_attempt(m_database,
                                 "UPDATE attempts SET finished_at = ?2, outcome = ?3 WHERE id ="
@@ -334,7 +353,8 @@ void Ledger::record_outcomes(const std::vector<SaleRecord>& sales)
             update.bind(1, sale.sale_id).bind(2, sale.number).bind(3, sale.date).bind(4, sale_state_name(sale.state));
             update.bind(5, sale.result).bind(6, sale.cae).bind(7, sale.cae_expiry).bind(8, sale.observations);
             update.bind(9, sale.errors).bind(10, sale.events).bind(11, static_cast<std::int64_t>(sale.recovered));
-            update.bind(12, sale.message).bind(13, now).run();
+            update.bind(12, sale.message).bind(13, now).bind(14, sale.emission).bind(15, sale.generated_at);
+            update.bind(16, sale.informed).run();
             update.reset();
             close_attempt.bind(1, sale.sale_id).bind(2, now).bind(3, sale_state_name(sale.state)).run();
             close_attempt.reset();
@@ -344,6 +364,144 @@ void Ledger::record_outcomes(const std::vector<SaleRecord>& sales)
             }
         }
         transaction.commit();
+    });
+}
+
+std::optional<std::string> Ledger::registry_answer(std::int64_t cuit, const std::string& service, std::int64_t not_before)
+{
+    return guarded("read", [&]() -> std::optional<std::string> {
+        Statement query(m_database, "SELECT person FROM registry WHERE cuit = ? AND service = ? AND asked_at >= ?",
+                        "cannot read the registry's answers");
+        query.bind(1, cuit).bind(2, service).bind(3, not_before);
+        if (!query.step())
+            return std::nullopt;
+        return query.text(0);
+    });
+}
+
+void Ledger::keep_registry_answer(std::int64_t cuit, const std::string& service, const std::string& person,
+                                  std::int64_t asked_at)
+{
+    guarded("write", [&] {
+        Statement keep(m_database,
+                       "INSERT INTO registry (cuit, service, person, asked_at) VALUES (?, ?, ?, ?)"
+                       " ON CONFLICT (cuit, service) DO UPDATE SET person = excluded.person, asked_at = excluded.asked_at",
+                       "cannot keep the registry's answer");
+        keep.bind(1, cuit).bind(2, service).bind(3, person).bind(4, asked_at).run();
+    });
+}
+
+void Ledger::keep_caea(const CaeaGrant& grant)
+{
+    guarded("write", [&] {
+        Statement keep(m_database,
+                       "INSERT INTO caeas (cuit, period, fortnight, caea, valid_from, valid_to, report_by, processed)"
+                       " VALUES (?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (cuit, period, fortnight) DO UPDATE SET"
+                       " caea = excluded.caea, valid_from = excluded.valid_from, valid_to = excluded.valid_to,"
+                       " report_by = excluded.report_by, processed = excluded.processed",
+                       "cannot keep a CAEA");
+        keep.bind(1, grant.cuit).bind(2, static_cast<std::int64_t>(grant.period)).bind(3, static_cast<std::int64_t>(grant.fortnight));
+        keep.bind(4, grant.code).bind(5, grant.valid_from).bind(6, grant.valid_to).bind(7, grant.report_by);
+        keep.bind(8, grant.processed).run();
+    });
+}
+
+namespace {
+
+const char caea_columns[] = "cuit, period, fortnight, caea, valid_from, valid_to, report_by, processed";
+
+CaeaGrant read_caea(const Statement& row)
+{
+    return {row.number(0),  static_cast<int>(row.number(1)), static_cast<int>(row.number(2)), row.text(3), row.text(4),
+            row.text(5),    row.text(6),                     row.text(7)};
+}
+
+} // namespace
+
+std::optional<CaeaGrant> Ledger::caea(std::int64_t cuit, int period, int fortnight)
+{
+    return guarded("read", [&]() -> std::optional<CaeaGrant> {
+        Statement query(m_database,
+                        (std::string("SELECT ") + caea_columns + " FROM caeas WHERE cuit = ? AND period = ? AND fortnight = ?").c_str(),
+                        "cannot read the CAEAs");
+        query.bind(1, cuit).bind(2, static_cast<std::int64_t>(period)).bind(3, static_cast<std::int64_t>(fortnight));
+        if (!query.step())
+            return std::nullopt;
+        return read_caea(query);
+    });
+}
+
+std::vector<CaeaGrant> Ledger::caeas(std::int64_t cuit)
+{
+    return guarded("read", [&] {
+        Statement query(m_database,
+                        (std::string("SELECT ") + caea_columns + " FROM caeas WHERE cuit = ? ORDER BY period, fortnight").c_str(),
+                        "cannot read the CAEAs");
+        query.bind(1, cuit);
+        std::vector<CaeaGrant> grants;
+        while (query.step())
+            grants.push_back(read_caea(query));
+        return grants;
+    });
+}
+
+void Ledger::record_caea_sale(const SaleRecord& sale)
+{
+    guarded("write", [&] {
+        Transaction transaction(m_database);
+        const std::string now = now_text();
+        Statement upsert(m_database,
+                         "INSERT INTO sales (sale_id, cuit, point_of_sale, voucher_type, number, date, voucher, digest,"
+                         " state, result, cae, cae_expiry, observations, errors, events, recovered, message,"
+                         " created_at, updated_at, emission, generated_at, informed)"
+                         " VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, 'approved', 'A', ?9, '', '[]', '[]', '[]', 0, '', ?10, ?10,"
+                         " 'CAEA', ?11, 'no')"
+                         " ON CONFLICT (sale_id) DO UPDATE SET cuit = ?2, point_of_sale = ?3, voucher_type = ?4,"
+                         " number = ?5, date = ?6, voucher = ?7, digest = ?8, state = 'approved', result = 'A', cae = ?9,"
+                         " cae_expiry = '', observations = '[]', errors = '[]', events = '[]', recovered = 0,"
+                         " message = '', updated_at = ?10, emission = 'CAEA', generated_at = ?11, informed = 'no'",
+                         "cannot record a CAEA sale");
+        upsert.bind(1, sale.sale_id);
+        bind_series(upsert, 2, sale.series).bind(5, sale.number).bind(6, sale.date).bind(7, sale.voucher);
+        upsert.bind(8, sale.digest).bind(9, sale.cae).bind(10, now).bind(11, sale.generated_at).run();
+        Statement raise_last(m_database,
+                             "INSERT INTO series (cuit, point_of_sale, voucher_type, last_number, learned_at)"
+                             " VALUES (?, ?, ?, ?, ?) ON CONFLICT (cuit, point_of_sale, voucher_type) DO UPDATE SET"
+                             " last_number = max(last_number, excluded.last_number), learned_at = excluded.learned_at",
+                             "cannot record the last number of a series");
+        bind_series(raise_last, 1, sale.series).bind(4, sale.number.value_or(0)).bind(5, now).run();
+        transaction.commit();
+    });
+}
+
+std::vector<SaleRecord> Ledger::sales_to_inform(std::int64_t cuit)
+{
+    return guarded("read", [&] {
+        Statement query(m_database,
+                        (std::string("SELECT ") + sale_columns +
+                         " FROM sales WHERE cuit = ? AND emission = 'CAEA' AND informed = 'no'"
+                         " ORDER BY point_of_sale, voucher_type, number")
+                            .c_str(),
+                        "cannot read the CAEA sales");
+        query.bind(1, cuit);
+        std::vector<SaleRecord> sales;
+        while (query.step())
+            sales.push_back(read_sale(query));
+        return sales;
+    });
+}
+
+void Ledger::record_no_movement(std::int64_t cuit, const std::string& caea, int point_of_sale, const std::string& result,
+                                const std::string& messages)
+{
+    guarded("write", [&] {
+        Statement keep(m_database,
+                       "INSERT INTO no_movement (cuit, caea, point_of_sale, declared_at, result, messages)"
+                       " VALUES (?, ?, ?, ?, ?, ?) ON CONFLICT (cuit, caea, point_of_sale) DO UPDATE SET"
+                       " declared_at = excluded.declared_at, result = excluded.result, messages = excluded.messages",
+                       "cannot record a declaration without movement");
+        keep.bind(1, cuit).bind(2, caea).bind(3, static_cast<std::int64_t>(point_of_sale)).bind(4, now_text());
+        keep.bind(5, result).bind(6, messages).run();
     });
 }
 

@@ -44,6 +44,9 @@ struct SaleRecord {
     bool recovered = false; // the CAE came from FECompConsultar
     std::string message;    // why, when not approved
     std::string created_at, updated_at;
+    std::string emission = "CAE"; // or "CAEA": issued offline under a CAEA (its code in `cae`)
+    std::string generated_at;     // CAEA: CbteFchHsGen, yyyymmddhhmmss
+    std::string informed;         // CAEA: "no", "yes" (FECAEARegInformativo approved it) or "refused"
 };
 
 // One sending of a sale's voucher.
@@ -52,6 +55,15 @@ struct SaleAttempt {
     std::string date; // CbteFch sent
     std::string started_at, finished_at;
     std::string outcome; // the sale's state it ended in; empty while pending
+};
+
+// A CAEA granted for a fortnight: `fortnight` 1 (days 1 to 15) or 2 (16 to the month's end).
+struct CaeaGrant {
+    std::int64_t cuit = 0;
+    int period = 0; // yyyymm
+    int fortnight = 0;
+    std::string code;
+    std::string valid_from, valid_to, report_by, processed; // yyyymmdd; FchTopeInf the last day to inform
 };
 
 // What an accountant's listing selects; empty fields select everything.
@@ -91,6 +103,23 @@ public:
     void record_outcomes(const std::vector<SaleRecord>& sales);
 
     std::vector<SaleRecord> list(const LedgerFilter& filter);
+
+    void keep_caea(const CaeaGrant& grant);
+    std::optional<CaeaGrant> caea(std::int64_t cuit, int period, int fortnight);
+    std::vector<CaeaGrant> caeas(std::int64_t cuit);
+    // A sale issued offline under a CAEA, with its number, in one transaction that also raises the
+    // series' last number: the intent and the outcome at once, since nothing is sent.
+    void record_caea_sale(const SaleRecord& sale);
+    // The CAEA sales not yet informed, by series and number.
+    std::vector<SaleRecord> sales_to_inform(std::int64_t cuit);
+    void record_no_movement(std::int64_t cuit, const std::string& caea, int point_of_sale, const std::string& result,
+                            const std::string& messages);
+
+    // What the registry's service said of a CUIT (JSON), if it was asked at or after `not_before`
+    // (seconds since 1970).
+    std::optional<std::string> registry_answer(std::int64_t cuit, const std::string& service, std::int64_t not_before);
+    void keep_registry_answer(std::int64_t cuit, const std::string& service, const std::string& person,
+                              std::int64_t asked_at);
 
 private:
     template <typename Action>

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <thread>
 
+#include "util/os_util.h"
+
 namespace {
 
 // The lock bytes: one per series, chosen by a hash; two series that share a byte only wait for
@@ -46,7 +48,8 @@ SeriesLock::SeriesLock(const std::string& ledger_path, const SeriesKey& series, 
     if (m_fd < 0)
         throw LedgerError("cannot open the ledger's lock file " + path + ": " + std::strerror(errno));
     struct flock request = lock_request(F_WRLCK, byte_of(series));
-    const auto deadline = std::chrono::steady_clock::now() + wait_limit;
+    // The library's own monotonic clock: libstdc++'s has a 32-bit time_t on i386.
+    const auto deadline = monotonic_clock_now() + wait_limit;
     std::chrono::milliseconds pause{1};
     while (::fcntl(m_fd, F_OFD_SETLK, &request) != 0) {
         const int error = errno;
@@ -54,7 +57,7 @@ SeriesLock::SeriesLock(const std::string& ledger_path, const SeriesKey& series, 
             ::close(m_fd);
             throw LedgerError("cannot lock " + path + ": " + std::strerror(error));
         }
-        if (std::chrono::steady_clock::now() >= deadline) {
+        if (monotonic_clock_now() >= deadline) {
             ::close(m_fd);
             throw SeriesBusy("another process kept point of sale " + std::to_string(series.point_of_sale) +
                              ", voucher type " + std::to_string(series.voucher_type) + " busy for " +

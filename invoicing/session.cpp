@@ -3,14 +3,22 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <fstream>
 #include <functional>
+#include <sstream>
 #include <iterator>
 #include <map>
 
 #include "invoicing/authorisation.h"
+#include "invoicing/caea.h"
+#include "invoicing/lookup.h"
+#include "invoicing/printout.h"
+#include "invoicing/wsfev1_requests.h"
 #include "invoicing/qr.h"
 #include "invoicing/voucher.h"
 #include "util/afip_environments.h"
+#include "util/argentina_time.h"
+#include "util/os_util.h"
 
 namespace {
 
@@ -77,8 +85,13 @@ ordered_json outcome_json(const SaleOutcome& outcome)
     out["CbteTipo"] = outcome.voucher_type;
     out["CbteNro"] = outcome.number;
     out["CbteFch"] = outcome.date;
-    out["CAE"] = outcome.cae;
-    out["CAEFchVto"] = outcome.cae_expiry;
+    if (outcome.emission == "CAEA") {
+        out["CAEA"] = outcome.cae;
+        out["informed"] = outcome.informed;
+    } else {
+        out["CAE"] = outcome.cae;
+        out["CAEFchVto"] = outcome.cae_expiry;
+    }
     out["Observaciones"] = messages_json(outcome.observations);
     out["Errors"] = messages_json(outcome.errors);
     out["Events"] = messages_json(outcome.events);
@@ -94,7 +107,7 @@ ordered_json outcome_json(const SaleOutcome& outcome)
 bool has_outcome(int status)
 {
     return status == status::approved || status == status::rejected || status == status::outcome_unknown ||
-           (status >= 1 && status <= 17);
+           status == status::caea_issued || (status >= 1 && status <= 17);
 }
 
 ordered_json sale_summary(const SaleRecord& sale)
@@ -145,6 +158,16 @@ InvoicingSession::InvoicingSession(const std::string& settings_json)
         {"series_wait_ms",
          [&](const std::string& key) { m_series_wait = std::chrono::milliseconds(reader.whole(key, 0, 86400000)); }},
         {"ca_file", [&](const std::string& key) { ca_file = reader.text(key); }},
+        {"registry_url", [&](const std::string& key) { m_registry_urls[0] = reader.text(key); }},
+        {"contingency",
+         [&](const std::string& key) {
+             if (!reader.settings[key].is_boolean())
+                 throw SettingsError("setting contingency must be true or false");
+             m_contingency = reader.settings[key].get<bool>();
+         }},
+        {"caea_point_of_sale",
+         [&](const std::string& key) { m_caea_point_of_sale = static_cast<int>(reader.whole(key, 1, 99998)); }},
+        {"registry_a13_url", [&](const std::string& key) { m_registry_urls[1] = reader.text(key); }},
         {"tls_verify",
          [&](const std::string& key) {
              if (!reader.settings[key].is_boolean())
@@ -175,13 +198,101 @@ InvoicingSession::InvoicingSession(const std::string& settings_json)
             reader.soap.wsaa_url = environment->wsaa_url;
         if (!reader.settings.contains("url"))
             reader.soap.ws_url = environment->wsfev1_url;
+        if (!reader.settings.contains("registry_url"))
+            m_registry_urls[0] = environment->constancia_url;
+        if (!reader.settings.contains("registry_a13_url"))
+            m_registry_urls[1] = environment->padron_a13_url;
     }
     // A trust file named means verification wanted, as the command line has it.
     if (ca_file || verify)
         reader.soap.verify_with = ca_file.value_or(reader.soap.verify_with.value_or(""));
     if (reader.settings.contains("tls_verify") && !verify)
         reader.soap.verify_with.reset();
-    m_channel = std::make_unique<LibraryChannel>(reader.soap, reader.headers);
+    m_soap = reader.soap;
+    m_headers = reader.headers;
+    m_channel = std::make_unique<LibraryChannel>(reader.soap, reader.headers, m_last_log);
+}
+
+AfipChannel* InvoicingSession::registry_channel(RegistryService service, std::string& message)
+{
+    const size_t index = service == RegistryService::constancia ? 0 : 1;
+    if (m_registry_urls[index].empty()) {
+        message = std::string("no address of AFIP's registry (") + registry_service_name(service) +
+                  "): give the setting " + (index == 0 ? "registry_url" : "registry_a13_url") + ", or env";
+        return nullptr;
+    }
+    if (!m_registry_channels[index]) {
+        SoapSettings settings = m_soap;
+        settings.service = registry_service_name(service);
+        settings.ws_url = m_registry_urls[index];
+        m_registry_channels[index] = std::make_unique<LibraryChannel>(settings, m_headers, m_last_log);
+    }
+    return m_registry_channels[index].get();
+}
+
+std::vector<int> InvoicingSession::conditions_for(const std::string& voucher_class)
+{
+    const auto known = m_conditions_by_class.find(voucher_class);
+    if (known != m_conditions_by_class.end())
+        return known->second;
+    const ServiceExchange asked =
+        m_channel->send("FEParamGetCondicionIvaReceptor", receptor_conditions_request(*m_cuit, voucher_class));
+    const auto listed = asked.result == 0 ? read_receptor_conditions(asked.answer) : std::nullopt;
+    if (listed)
+        m_conditions_by_class[voucher_class] = *listed;
+    return listed.value_or(std::vector<int>{});
+}
+
+int InvoicingSession::complete_voucher(Voucher& voucher, std::string& message)
+{
+    AfipChannel* channel = registry_channel(RegistryService::constancia, message);
+    if (channel == nullptr)
+        return status::registry_refused;
+    RegistryLookup lookup(*channel, RegistryService::constancia, *m_cuit, &ledger());
+    const LookupOutcome found = lookup.look_up(voucher.document_number);
+    if (found.status != status::approved) {
+        message = "the receptor's VAT condition: " + found.message;
+        return found.status;
+    }
+    const int condition = receptor_condition(*found.person).value_or(5);
+    // FEParamGetCondicionIvaReceptor's word when it answers, else the table AFIP publishes.
+    const std::string voucher_class = condition_class_of(voucher.voucher_type);
+    const std::vector<int> allowed = conditions_for(voucher_class);
+    const bool fits = allowed.empty() ? condition_fits_class(condition, voucher_class)
+                                      : std::find(allowed.begin(), allowed.end(), condition) != allowed.end();
+    if (!fits) {
+        message = "CUIT " + std::to_string(voucher.document_number) + " is " + receptor_condition_description(condition) +
+                  " (" + std::to_string(condition) + ") in AFIP's registry, which a voucher of type " +
+                  std::to_string(voucher.voucher_type) + " (class " + voucher_class + ") may not go to";
+        return status::condition_unfit;
+    }
+    voucher.receiver_vat_condition = condition;
+    return status::approved;
+}
+
+CoreResult InvoicingSession::lookup(const std::string& query_json)
+{
+    const json query = json::parse(query_json, nullptr, false);
+    if (!query.is_object() || !query.contains("cuit") || !query["cuit"].is_number_unsigned())
+        return {status::bad_input, "the query must be a JSON object with \"cuit\", a whole number", std::nullopt};
+    for (const auto& [key, value] : query.items())
+        if (key != "cuit" && key != "service" && key != "reuse")
+            return {status::bad_input, "unknown query key '" + key + "'", std::nullopt};
+    const std::optional<RegistryService> service = registry_service_of(query.value("service", "ws_sr_constancia_inscripcion"));
+    if (!service)
+        return {status::bad_input,
+                "service must be ws_sr_constancia_inscripcion or ws_sr_padron_a13, not " + query["service"].dump(),
+                std::nullopt};
+    if (!m_cuit)
+        return {status::bad_input, "the settings name no represented issuer: give \"cuit\"", std::nullopt};
+    std::string message;
+    AfipChannel* channel = registry_channel(*service, message);
+    if (channel == nullptr)
+        return {status::registry_refused, message, std::nullopt};
+    RegistryLookup registry(*channel, *service, *m_cuit, &ledger());
+    const LookupOutcome found = registry.look_up(query["cuit"].get<std::int64_t>(), query.value("reuse", false));
+    return {found.status, found.message,
+            found.person ? std::optional<std::string>(person_json(*found.person, *service, found.from_cache)) : std::nullopt};
 }
 
 Ledger& InvoicingSession::ledger()
@@ -193,76 +304,95 @@ Ledger& InvoicingSession::ledger()
 
 const std::string& InvoicingSession::transfer_log() const
 {
-    return m_channel->last_log();
+    return *m_last_log;
 }
 
 CoreResult InvoicingSession::authorise(const std::string& voucher_json)
 {
-    return authorise_parsed({voucher_json}, false);
+    json voucher = json::parse(voucher_json, nullptr, false);
+    if (voucher.is_discarded())
+        return {status::bad_input, "the voucher is not JSON; nothing was sent", std::nullopt};
+    return authorise_parsed(json::array({std::move(voucher)}), false);
 }
 
 CoreResult InvoicingSession::authorise_batch(const std::string& vouchers_json)
 {
-    const json list = json::parse(vouchers_json, nullptr, false);
+    json list = json::parse(vouchers_json, nullptr, false);
     if (!list.is_array())
         return {status::bad_input, "the vouchers must be a JSON list", std::nullopt};
-    std::vector<std::string> texts;
-    for (const json& voucher : list)
-        texts.push_back(voucher.dump());
-    return authorise_parsed(texts, true);
+    return authorise_parsed(std::move(list), true);
 }
 
-CoreResult InvoicingSession::authorise_parsed(const std::vector<std::string>& texts, bool batch)
+CoreResult InvoicingSession::authorise_parsed(json given, bool batch)
 {
     std::vector<Voucher> vouchers;
-    std::vector<std::optional<SaleOutcome>> refused(texts.size());
-    std::vector<size_t> positions; // of each voucher among the texts
-    for (size_t i = 0; i < texts.size(); ++i) {
+    std::vector<std::optional<SaleOutcome>> refused(given.size());
+    std::vector<size_t> positions; // of each voucher among the given
+    for (size_t i = 0; i < given.size(); ++i) {
         try {
-            vouchers.push_back(read_voucher(texts[i]));
+            vouchers.push_back(read_voucher(given[i]));
+            if (const std::string problem = items_problem(vouchers.back()); !problem.empty()) {
+                vouchers.pop_back();
+                throw VoucherError("items: " + problem);
+            }
             if (vouchers.back().sale_id.empty())
                 vouchers.back().sale_id = generated_sale_id();
             positions.push_back(i);
         } catch (const VoucherError& error) {
             if (!batch)
-                return {status::bad_input, std::string("bad voucher: ") + error.what() + "; nothing was sent", std::nullopt};
+                return {status::bad_input, std::string(error.what()) + "; nothing was sent", std::nullopt};
             SaleOutcome outcome;
             outcome.status = status::bad_input;
-            outcome.message = std::string("bad voucher: ") + error.what() + "; nothing was sent";
-            const json given = json::parse(texts[i], nullptr, false);
-            if (given.is_object() && given.contains("sale_id") && given["sale_id"].is_string())
-                outcome.sale_id = given["sale_id"].get<std::string>();
+            outcome.message = std::string(error.what()) + "; nothing was sent";
+            if (given[i].is_object() && given[i].contains("sale_id") && given[i]["sale_id"].is_string())
+                outcome.sale_id = given[i]["sale_id"].get<std::string>();
             refused[i] = outcome;
         }
     }
+    given = json(); // the vouchers are read: the text's tree goes before AFIP is asked
     std::vector<SaleOutcome> outcomes;
     if (!vouchers.empty()) {
         if (!m_cuit)
             return {status::bad_input, "the settings name no issuer: give \"cuit\"", std::nullopt};
         try {
-            Authoriser authoriser(ledger(), *m_channel, AuthorisationSettings{*m_cuit, m_series_wait});
+            AuthorisationSettings settings(*m_cuit);
+            settings.series_wait = m_series_wait;
+            settings.complete_voucher = [this](Voucher& voucher, std::string& message) {
+                return complete_voucher(voucher, message);
+            };
+            settings.contingency = m_contingency;
+            settings.caea_point_of_sale = m_caea_point_of_sale;
+            Authoriser authoriser(ledger(), *m_channel, settings);
             outcomes = authoriser.authorise(vouchers);
         } catch (const LedgerError& error) {
             return {status::ledger_unusable, std::string(error.what()) + "; nothing was sent", std::nullopt};
         }
     }
+    // CAEA vouchers near their deadline to inform are told with every invoice.
+    const std::vector<std::string> warnings = m_ledger ? caea_deadline_warnings(*m_ledger, *m_cuit, argentina_today(wall_clock_now()))
+                                                       : std::vector<std::string>{};
     if (!batch) {
         const SaleOutcome& outcome = outcomes.front();
+        ordered_json out = outcome_json(outcome);
+        out["warnings"] = warnings;
         return {outcome.status, outcome.message,
-                has_outcome(outcome.status) ? std::optional<std::string>(dump(outcome_json(outcome))) : std::nullopt};
+                has_outcome(outcome.status) ? std::optional<std::string>(dump(out)) : std::nullopt};
     }
     for (size_t i = 0; i < outcomes.size(); ++i)
-        refused[positions[i]] = outcomes[i];
-    ordered_json list = ordered_json::array();
-    CoreResult result{status::approved, "", std::nullopt};
-    for (const std::optional<SaleOutcome>& outcome : refused) {
-        list.push_back(outcome_json(*outcome));
-        if (result.status == status::approved && outcome->status != status::approved) {
-            result.status = outcome->status;
-            result.message = "sale " + outcome->sale_id + ": " + outcome->message;
+        refused[positions[i]] = std::move(outcomes[i]);
+    outcomes.clear();
+    // One outcome a line, written as it goes: the list is never held twice.
+    CoreResult result{status::approved, "", std::string("[")};
+    for (size_t i = 0; i < refused.size(); ++i) {
+        const SaleOutcome& outcome = *refused[i];
+        *result.output += (i == 0 ? "\n" : ",\n") + dump(outcome_json(outcome));
+        if (result.status == status::approved && outcome.status != status::approved) {
+            result.status = outcome.status;
+            result.message = "sale " + outcome.sale_id + ": " + outcome.message;
         }
+        refused[i].reset();
     }
-    result.output = dump(list);
+    *result.output += "\n]";
     return result;
 }
 
@@ -411,4 +541,95 @@ CoreResult qr_url_json(const std::string& voucher_json)
                       text("codAut", ""),
                       kind == "A"};
     return {status::approved, "", qr_url(voucher)};
+}
+
+CoreResult InvoicingSession::receipt(const std::string& request_json)
+{
+    const json request = json::parse(request_json, nullptr, false);
+    if (!request.is_object() || !request.contains("sale_id") || !request["sale_id"].is_string())
+        return {status::bad_input, "the request must be a JSON object with \"sale_id\"", std::nullopt};
+    for (const auto& [key, value] : request.items())
+        if (key != "sale_id" && key != "issuer" && key != "issuer_file" && key != "format")
+            return {status::bad_input, "unknown request key '" + key + "'", std::nullopt};
+    const std::optional<ReceiptFormat> format = receipt_format_named(request.value("format", "pdf-a4"));
+    if (!format)
+        return {status::bad_input, "format must be pdf-a4, pdf-80mm or escpos", std::nullopt};
+    std::string profile_text, base_directory;
+    if (request.contains("issuer_file") && request["issuer_file"].is_string()) {
+        const std::string path = request["issuer_file"].get<std::string>();
+        std::ifstream file(path, std::ios::binary);
+        std::ostringstream content;
+        content << file.rdbuf();
+        if (!file)
+            return {status::bad_input, "cannot read the issuer profile " + path, std::nullopt};
+        profile_text = content.str();
+        base_directory = path.find('/') == std::string::npos ? "." : path.substr(0, path.rfind('/'));
+    } else if (request.contains("issuer") && request["issuer"].is_object()) {
+        profile_text = request["issuer"].dump();
+    } else {
+        return {status::bad_input, "give the issuer's profile: \"issuer\" (an object) or \"issuer_file\"", std::nullopt};
+    }
+    const std::string sale_id = request["sale_id"].get<std::string>();
+    const std::optional<SaleRecord> sale = ledger().sale(sale_id);
+    if (!sale)
+        return {status::not_found, "the ledger " + m_ledger_path + " has no sale '" + sale_id + "'", std::nullopt};
+    if (sale->state != SaleState::approved)
+        return {status::bad_input,
+                "sale " + sale_id + " is " + sale_state_name(sale->state) + ", not authorised: it has nothing to print",
+                std::nullopt};
+    try {
+        const IssuerProfile issuer = read_issuer_profile(profile_text, base_directory);
+        const Voucher voucher = read_voucher(sale->voucher);
+        const std::optional<std::string> person =
+            voucher.document_type == 80 ? ledger().registry_answer(voucher.document_number, "ws_sr_constancia_inscripcion", 0)
+                                        : std::nullopt;
+        std::optional<CaeaGrant> caea;
+        for (const CaeaGrant& grant : ledger().caeas(sale->series.cuit))
+            if (sale->emission == "CAEA" && grant.code == sale->cae)
+                caea = grant;
+        return {status::approved, "", render_receipt(receipt_of(*sale, issuer, person, caea), *format)};
+    } catch (const ReceiptError& error) {
+        return {status::bad_input, error.what(), std::nullopt};
+    }
+}
+
+CoreResult InvoicingSession::caea(const std::string& command_json)
+{
+    const json command = json::parse(command_json, nullptr, false);
+    if (!command.is_object() || !command.contains("action") || !command["action"].is_string())
+        return {status::bad_input, "the command must be a JSON object with \"action\"", std::nullopt};
+    if (!m_cuit)
+        return {status::bad_input, "the settings name no issuer: give \"cuit\"", std::nullopt};
+    const std::string action = command["action"].get<std::string>();
+    const auto whole = [&](const char* key) -> std::optional<int> {
+        if (!command.contains(key) || !command[key].is_number_unsigned() || command[key].get<std::uint64_t>() > 999999)
+            return std::nullopt;
+        return command[key].get<int>();
+    };
+    // The period and order given, else the fortnight of today.
+    const auto fortnight = [&]() -> std::optional<std::pair<int, int>> {
+        if (!command.contains("period") && !command.contains("order"))
+            return fortnight_of(argentina_today(wall_clock_now()));
+        if (!whole("period") || !whole("order"))
+            return std::nullopt;
+        return std::pair(*whole("period"), *whole("order"));
+    };
+    CaeaDesk desk(ledger(), *m_channel, *m_cuit);
+    if (action == "request" || action == "no_movement") {
+        const auto chosen = fortnight();
+        if (!chosen)
+            return {status::bad_input, "period must be yyyymm and order 1 or 2", std::nullopt};
+        if (action == "request")
+            return desk.request(chosen->first, chosen->second);
+        if (!whole("point_of_sale"))
+            return {status::bad_input, "no_movement needs \"point_of_sale\"", std::nullopt};
+        return desk.declare_no_movement(*whole("point_of_sale"), chosen->first, chosen->second);
+    }
+    if (action == "show")
+        return desk.show();
+    if (action == "inform")
+        return desk.inform();
+    if (action == "status")
+        return desk.status();
+    return {status::bad_input, "action must be request, show, inform, no_movement or status, not " + action, std::nullopt};
 }

@@ -151,6 +151,11 @@ Voucher read_voucher(const std::string& json_text)
     } catch (const json::exception& error) {
         throw VoucherError(std::string("the voucher is not JSON: ") + error.what());
     }
+    return read_voucher(document);
+}
+
+Voucher read_voucher(const nlohmann::json& document)
+{
     Fields fields(document, "");
     Voucher voucher;
     const auto required_integer = [&](const char* name) { return fields.small_integer(name, fields.require(name)); };
@@ -187,8 +192,14 @@ Voucher read_voucher(const std::string& json_text)
         voucher.currency = fields.text("MonId", *currency);
     if (const json* rate = fields.find("MonCotiz"))
         voucher.exchange_rate = fields.rate("MonCotiz", *rate);
-    if (const json* condition = fields.find("CondicionIVAReceptorId"))
-        voucher.receiver_vat_condition = fields.small_integer("CondicionIVAReceptorId", *condition);
+    if (const json* condition = fields.find("CondicionIVAReceptorId")) {
+        if (condition->is_string() && condition->get<std::string>() == "padron")
+            voucher.condition_from_registry = true;
+        else if (!condition->is_number_integer())
+            fields.fail_field("CondicionIVAReceptorId", "must be a whole number, or \"padron\" for AFIP's registry to say");
+        else
+            voucher.receiver_vat_condition = fields.small_integer("CondicionIVAReceptorId", *condition);
+    }
     voucher.service_from = optional_date("FchServDesde");
     voucher.service_to = optional_date("FchServHasta");
     voucher.payment_due = optional_date("FchVtoPago");
@@ -221,6 +232,28 @@ Voucher read_voucher(const std::string& json_text)
     voucher.optionals = fields.list<OptionalDatum>("Opcionales", [](Fields& item) {
         return OptionalDatum{item.text("Id", item.require("Id")), item.text("Valor", item.require("Valor"))};
     });
+    if (const json* receptor = fields.find("receptor")) {
+        Fields receptor_fields(*receptor, "receptor.");
+        VoucherReceptor read;
+        if (const json* name = receptor_fields.find("name"))
+            read.name = receptor_fields.text("name", *name);
+        if (const json* address = receptor_fields.find("address"))
+            read.address = receptor_fields.text("address", *address);
+        receptor_fields.refuse_unknown();
+        voucher.receptor = read;
+    }
+    voucher.items = fields.list<VoucherItem>("items", [](Fields& item) {
+        VoucherItem line;
+        line.description = item.text("description", item.require("description"));
+        const json& quantity = item.require("quantity");
+        if (!quantity.is_number() || !(quantity.get<double>() > 0) || quantity.get<double>() >= 1e9)
+            item.fail_field("quantity", "must be a number above 0 and below 10^9");
+        line.quantity = quantity.get<double>();
+        line.unit_price = item.amount("unit_price", item.require("unit_price"));
+        if (const json* rate = item.find("vat_rate_id"))
+            line.vat_rate_id = item.small_integer("vat_rate_id", *rate);
+        return line;
+    });
     fields.refuse_unknown();
     return voucher;
 }
@@ -247,6 +280,8 @@ std::string canonical_voucher(const Voucher& voucher)
     out["MonCotiz"] = voucher.exchange_rate;
     if (voucher.receiver_vat_condition)
         out["CondicionIVAReceptorId"] = *voucher.receiver_vat_condition;
+    else if (voucher.condition_from_registry)
+        out["CondicionIVAReceptorId"] = "padron";
     for (const auto& [name, date] : {std::pair("FchServDesde", &voucher.service_from),
                                      std::pair("FchServHasta", &voucher.service_to),
                                      std::pair("FchVtoPago", &voucher.payment_due)})
@@ -273,5 +308,14 @@ std::string canonical_voucher(const Voucher& voucher)
     }
     for (const OptionalDatum& datum : voucher.optionals)
         out["Opcionales"].push_back({{"Id", datum.id}, {"Valor", datum.value}});
+    if (voucher.receptor)
+        out["receptor"] = {{"name", voucher.receptor->name}, {"address", voucher.receptor->address}};
+    for (const VoucherItem& item : voucher.items) {
+        nlohmann::ordered_json line{{"description", item.description}, {"quantity", item.quantity},
+                                    {"unit_price", item.unit_price.text()}};
+        if (item.vat_rate_id != 0)
+            line["vat_rate_id"] = item.vat_rate_id;
+        out["items"].push_back(line);
+    }
     return out.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }

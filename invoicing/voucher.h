@@ -2,6 +2,7 @@
 #define TARVO_INVOICING_VOUCHER_H
 
 #include <cstdint>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -36,6 +37,20 @@ struct OptionalDatum {
     std::string value;
 };
 
+// Who receives the voucher, for its printout.
+struct VoucherReceptor {
+    std::string name;
+    std::string address;
+};
+
+// A line of the sale, printed on the voucher; the lines must add up to its amounts.
+struct VoucherItem {
+    std::string description;
+    double quantity = 1;
+    Money unit_price;
+    int vat_rate_id = 0; // the line's VAT rate as Iva/Id has it (5: 21 %, 4: 10.5 %...); 0: no VAT
+};
+
 // One voucher as a host gives it, with WSFEv1's field names.
 struct Voucher {
     std::string sale_id;   // the host's name for the sale; empty when not given
@@ -55,11 +70,14 @@ struct Voucher {
     std::string currency = "PES";    // MonId
     std::string exchange_rate = "1"; // MonCotiz as a decimal text, also for the QR's ctz
     std::optional<int> receiver_vat_condition; // CondicionIVAReceptorId
+    bool condition_from_registry = false;      // CondicionIVAReceptorId "padron": AFIP's registry says
     std::string service_from, service_to, payment_due; // FchServDesde, FchServHasta, FchVtoPago
     std::vector<VatRate> vat;                 // Iva
     std::vector<Tax> taxes;                   // Tributos
     std::vector<AssociatedVoucher> associated; // CbtesAsoc
     std::vector<OptionalDatum> optionals;     // Opcionales
+    std::optional<VoucherReceptor> receptor;  // receptor: not sent to AFIP, printed
+    std::vector<VoucherItem> items;           // items: not sent to AFIP, printed
 };
 
 // The text is not a voucher; the message names the field at fault.
@@ -71,6 +89,8 @@ public:
 // Reads one voucher from JSON text; throws VoucherError. Unknown fields are refused too, so a
 // misspelt amount is not silently sent as zero. Amounts may be JSON numbers or decimal texts.
 Voucher read_voucher(const std::string& json_text);
+// The same from a parsed JSON value.
+Voucher read_voucher(const nlohmann::json& value);
 
 // A host's sale id: 1 to 128 bytes of text without control characters.
 bool is_sale_id(const std::string& text);

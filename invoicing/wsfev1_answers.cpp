@@ -48,22 +48,25 @@ bool has_code(const ServiceMessages& messages, long long code)
     return false;
 }
 
-std::optional<AuthorisationAnswer> read_authorisation_answer(const std::string& xml)
+namespace {
+
+std::optional<AuthorisationAnswer> read_judged_vouchers(const std::string& xml, const char* result_name,
+                                                        const char* detail_name, const char* code_name)
 {
     pugi::xml_document document;
-    const auto result = operation_result(document, xml, "FECAESolicitarResult");
+    const auto result = operation_result(document, xml, result_name);
     if (!result)
         return std::nullopt;
     AuthorisationAnswer answer;
     answer.result = text(child_by_local_name(*result, "FeCabResp"), "Resultado");
     for (const pugi::xml_node& detail : child_by_local_name(*result, "FeDetResp").children()) {
-        if (detail.type() != pugi::node_element || local_name(detail) != "FECAEDetResponse")
+        if (detail.type() != pugi::node_element || local_name(detail) != detail_name)
             continue;
         DetailAnswer read;
         read.result = text(detail, "Resultado");
         read.number = child_by_local_name(detail, "CbteDesde").text().as_llong();
         read.date = text(detail, "CbteFch");
-        read.cae = text(detail, "CAE");
+        read.cae = text(detail, code_name);
         read.cae_expiry = text(detail, "CAEFchVto");
         read.observations = messages(child_by_local_name(detail, "Observaciones"));
         answer.details.push_back(std::move(read));
@@ -71,6 +74,47 @@ std::optional<AuthorisationAnswer> read_authorisation_answer(const std::string& 
     answer.errors = messages(child_by_local_name(*result, "Errors"));
     answer.events = messages(child_by_local_name(*result, "Events"));
     return answer;
+}
+
+} // namespace
+
+std::optional<AuthorisationAnswer> read_authorisation_answer(const std::string& xml)
+{
+    return read_judged_vouchers(xml, "FECAESolicitarResult", "FECAEDetResponse", "CAE");
+}
+
+std::optional<AuthorisationAnswer> read_inform_answer(const std::string& xml)
+{
+    return read_judged_vouchers(xml, "FECAEARegInformativoResult", "FECAEADetResponse", "CAEA");
+}
+
+std::optional<CaeaAnswer> read_caea_answer(const std::string& xml, bool consult)
+{
+    pugi::xml_document document;
+    const auto result = operation_result(document, xml, consult ? "FECAEAConsultarResult" : "FECAEASolicitarResult");
+    if (!result)
+        return std::nullopt;
+    CaeaAnswer answer;
+    const pugi::xml_node granted = child_by_local_name(*result, "ResultGet");
+    answer.code = text(granted, "CAEA");
+    answer.period = child_by_local_name(granted, "Periodo").text().as_int();
+    answer.fortnight = child_by_local_name(granted, "Orden").text().as_int();
+    answer.valid_from = text(granted, "FchVigDesde");
+    answer.valid_to = text(granted, "FchVigHasta");
+    answer.report_by = text(granted, "FchTopeInf");
+    answer.processed = text(granted, "FchProceso");
+    answer.errors = messages(child_by_local_name(*result, "Errors"));
+    answer.events = messages(child_by_local_name(*result, "Events"));
+    return answer;
+}
+
+std::optional<NoMovementAnswer> read_no_movement_answer(const std::string& xml)
+{
+    pugi::xml_document document;
+    const auto result = operation_result(document, xml, "FECAEASinMovimientoInformarResult");
+    if (!result)
+        return std::nullopt;
+    return NoMovementAnswer{text(*result, "Resultado"), messages(child_by_local_name(*result, "Errors"))};
 }
 
 std::optional<AnswerHeader> read_answer_header(const std::string& xml)
@@ -140,4 +184,18 @@ std::optional<int> read_records_per_request(const std::string& xml)
     if (count <= 0)
         return std::nullopt;
     return count;
+}
+
+std::optional<std::vector<int>> read_receptor_conditions(const std::string& xml)
+{
+    pugi::xml_document document;
+    const auto result = operation_result(document, xml, "FEParamGetCondicionIvaReceptorResult");
+    const pugi::xml_node list = result ? child_by_local_name(*result, "ResultGet") : pugi::xml_node();
+    if (!list)
+        return std::nullopt;
+    std::vector<int> ids;
+    for (const pugi::xml_node& condition : list.children())
+        if (condition.type() == pugi::node_element)
+            ids.push_back(child_by_local_name(condition, "Id").text().as_int());
+    return ids;
 }

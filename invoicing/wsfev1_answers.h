@@ -37,6 +37,23 @@ struct AuthorisationAnswer {
 
 // nullopt when the text holds no FECAESolicitarResult: not XML, a SOAP fault, another answer.
 std::optional<AuthorisationAnswer> read_authorisation_answer(const std::string& xml);
+// The same of FECAEARegInformativo's answer (its details' CAEA in `cae`).
+std::optional<AuthorisationAnswer> read_inform_answer(const std::string& xml);
+
+// What FECAEASolicitar or FECAEAConsultar said: the CAEA and its dates, or errors.
+struct CaeaAnswer {
+    std::string code, valid_from, valid_to, report_by, processed; // code empty: none given
+    int period = 0, fortnight = 0;
+    ServiceMessages errors, events;
+};
+std::optional<CaeaAnswer> read_caea_answer(const std::string& xml, bool consult);
+
+// FECAEASinMovimientoInformar's Resultado and errors.
+struct NoMovementAnswer {
+    std::string result;
+    ServiceMessages errors;
+};
+std::optional<NoMovementAnswer> read_no_movement_answer(const std::string& xml);
 
 // FeCabResp's point of sale and type.
 struct AnswerHeader {
@@ -64,6 +81,9 @@ struct ConsultedVoucher {
 
 // nullopt when the text holds no FECompConsultarResult, or errors other than 602 without ResultGet.
 std::optional<ConsultedVoucher> read_consulted_voucher(const std::string& xml);
+
+// The condition ids FEParamGetCondicionIvaReceptor lists; nullopt without a ResultGet.
+std::optional<std::vector<int>> read_receptor_conditions(const std::string& xml);
 
 // FECompTotXRequest's RegXReq; nullopt when the answer holds none above zero.
 std::optional<int> read_records_per_request(const std::string& xml);

@@ -91,9 +91,38 @@ std::string consultation_request(std::int64_t cuit, int point_of_sale, int vouch
 }
 
 
+std::string caea_inform_request(std::int64_t cuit, const std::vector<InformedVoucher>& vouchers)
+{
+    std::string details;
+    for (const InformedVoucher& informed : vouchers)
+        details += "<ar:FECAEADetRequest>" + authorisation_detail(*informed.voucher, informed.number, informed.date) +
+                   element("CAEA", informed.caea) + element("CbteFchHsGen", informed.generated_at) + "</ar:FECAEADetRequest>";
+    const Voucher& first = *vouchers.front().voucher;
+    return envelope("FECAEARegInformativo", cuit,
+                    "<ar:FeCAEARegInfReq><ar:FeCabReq>" + element("CantReg", static_cast<std::int64_t>(vouchers.size())) +
+                        element("PtoVta", first.point_of_sale) + element("CbteTipo", first.voucher_type) +
+                        "</ar:FeCabReq><ar:FeDetReq>" + details + "</ar:FeDetReq></ar:FeCAEARegInfReq>");
+}
+
+std::string caea_request(std::int64_t cuit, bool consult, int period, int fortnight)
+{
+    return envelope(consult ? "FECAEAConsultar" : "FECAEASolicitar", cuit,
+                    element("Periodo", period) + element("Orden", fortnight));
+}
+
+std::string no_movement_request(std::int64_t cuit, int point_of_sale, const std::string& caea)
+{
+    return envelope("FECAEASinMovimientoInformar", cuit, element("PtoVta", point_of_sale) + element("CAEA", caea));
+}
+
 std::string records_per_request_request(std::int64_t cuit)
 {
     return envelope("FECompTotXRequest", cuit, "");
+}
+
+std::string receptor_conditions_request(std::int64_t cuit, const std::string& voucher_class)
+{
+    return envelope("FEParamGetCondicionIvaReceptor", cuit, element("ClaseCmp", voucher_class));
 }
 
 std::string authorisation_request(std::int64_t cuit, const std::vector<NumberedVoucher>& vouchers)

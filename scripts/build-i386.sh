@@ -185,6 +185,7 @@ case $description in
   *) die "the built library is not 32-bit x86" ;;
 esac
 "$source_dir/scripts/check-time64.sh" "$library"
+"$source_dir/scripts/check-time64.sh" "$host_build/libtarvoafipinvoicing.so"
 mkdir -p "$out_dir"
 cp -L "$library" "$out_dir/libtarvoafipdriver.so.tmp"
 mv -f "$out_dir/libtarvoafipdriver.so.tmp" "$out_dir/libtarvoafipdriver.so"

@@ -179,7 +179,7 @@ std::string format_utc_clock(WallClock::time_point when)
     return text;
 }
 
-std::string argentina_today()
+std::string argentina_today(WallClock::time_point now)
 {
-    return format_argentina_date(WallClock::now());
+    return format_argentina_date(now);
 }

@@ -21,8 +21,8 @@ std::string format_argentina_time(WallClock::time_point when);
 // the wall-clock time, "20261121101530", as in FchProceso.
 std::string format_argentina_date(WallClock::time_point when, bool with_time = false);
 
-// Today's date in Argentina, yyyymmdd.
-std::string argentina_today();
+// The date in Argentina at `now`, yyyymmdd.
+std::string argentina_today(WallClock::time_point now);
 
 // Days since 1970-01-01 of a calendar date written yyyymmdd; nullopt when it is no such date.
 std::optional<long long> day_of_date(const std::string& yyyymmdd);

@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "invoicing/authorisation.h"
+#include "invoicing/caea.h"
 #include "invoicing/wsfev1_requests.h"
 #include "support/support.h"
 
@@ -50,7 +51,7 @@ SaleOutcome authorise(const Simulator& simulator, const Voucher& voucher, AfipCh
 {
     Ledger ledger("ledger.sqlite");
     LibraryChannel library(settings_for(simulator), {});
-    return Authoriser(ledger, channel ? *channel : library, {issuer}).authorise({voucher}).front();
+    return Authoriser(ledger, channel ? *channel : library, AuthorisationSettings(issuer)).authorise({voucher}).front();
 }
 
 // A channel whose exchange number `stop_at` says so on a pipe (before it is sent, or after its
@@ -87,15 +88,17 @@ private:
     const int m_tell;
 };
 
-// What AFIP holds under each number of point of sale 1, type 6: (DNI, CAE); and the last number.
-std::pair<std::map<std::int64_t, std::pair<std::string, std::string>>, std::int64_t> vouchers_at(const Simulator& simulator)
+// What AFIP holds under each number of a point of sale, type 6: (DNI, CAE); and the last number.
+std::pair<std::map<std::int64_t, std::pair<std::string, std::string>>, std::int64_t> vouchers_at(const Simulator& simulator,
+                                                                                                 int point_of_sale)
 {
     LibraryChannel channel(settings_for(simulator), {});
-    const auto last = read_last_authorised(channel.send("FECompUltimoAutorizado", last_authorised_request(issuer, 1, 6)).answer);
+    const auto last = read_last_authorised(
+        channel.send("FECompUltimoAutorizado", last_authorised_request(issuer, point_of_sale, 6)).answer);
     std::map<std::int64_t, std::pair<std::string, std::string>> held;
     for (std::int64_t number = 1; last && number <= last->number.value_or(0); ++number) {
-        const auto found =
-            read_consulted_voucher(channel.send("FECompConsultar", consultation_request(issuer, 1, 6, number)).answer);
+        const auto found = read_consulted_voucher(
+            channel.send("FECompConsultar", consultation_request(issuer, point_of_sale, 6, number)).answer);
         if (found && found->found)
             held[number] = {found->field("DocNro"), found->field("CodAutorizacion")};
     }
@@ -104,10 +107,11 @@ std::pair<std::map<std::int64_t, std::pair<std::string, std::string>>, std::int6
 
 // Every sale approved in the ledger with its own number, and AFIP holding exactly its voucher and
 // CAE under that number: one voucher per sale, none lost.
-void expect_one_voucher_per_sale(const Simulator& simulator, const std::map<std::string, long long>& dni_of_sale)
+void expect_one_voucher_per_sale(const Simulator& simulator, const std::map<std::string, long long>& dni_of_sale,
+                                 int point_of_sale = 1)
 {
     Ledger ledger("ledger.sqlite");
-    const auto [held, last] = vouchers_at(simulator);
+    const auto [held, last] = vouchers_at(simulator, point_of_sale);
     EXPECT_EQ(last, static_cast<std::int64_t>(dni_of_sale.size()));
     std::set<std::int64_t> numbers;
     for (const auto& [sale_id, dni] : dni_of_sale) {
@@ -118,6 +122,15 @@ void expect_one_voucher_per_sale(const Simulator& simulator, const std::map<std:
         ASSERT_NE(at, held.end()) << sale_id;
         EXPECT_EQ(at->second, std::make_pair(std::to_string(dni), sale->cae)) << sale_id;
     }
+}
+
+// The FECAESolicitar requests the simulator received so far.
+size_t authorisation_requests(const Simulator& simulator)
+{
+    size_t count = 0;
+    for (const auto& request : simulator.requests("/wsfev1/service.asmx"))
+        count += request["body"].get<std::string>().find("<ar:FECAESolicitar>") != std::string::npos;
+    return count;
 }
 
 class Invoicing : public ::testing::Test {
@@ -153,7 +166,7 @@ TEST_F(Invoicing, HostsKilledAnywhereLeaveOneVoucherPerSale)
             Ledger ledger("ledger.sqlite");
             LibraryChannel library(settings_for(simulator), {});
             StoppingChannel channel(library, stop_at, moment == 2, moment == 1, told[1]);
-            const SaleOutcome outcome = Authoriser(ledger, channel, {issuer}).authorise({voucher_of(sale_id, dni)}).front();
+            const SaleOutcome outcome = Authoriser(ledger, channel, AuthorisationSettings(issuer)).authorise({voucher_of(sale_id, dni)}).front();
             _exit(outcome.status == status::approved ? 0 : 1);
         }
         bool stopped = false;
@@ -290,5 +303,126 @@ TEST_F(Invoicing, UnusableLedgersSendNothingAndStayAsTheyWere)
         EXPECT_NE(std::string(message).find(each.message), std::string::npos) << message;
         EXPECT_EQ(simulator.requests("/wsfev1/service.asmx").size(), sent) << "nothing was sent";
         EXPECT_TRUE(read_file("ledger.sqlite") == before) << "the ledger was left as it was";
+    }
+}
+
+// A batch goes as one request; AFIP stops at a rejected voucher, whose number no sale keeps, and
+// the vouchers it stopped go again renumbered. Running the batch again authorises nothing twice,
+// and a host killed after AFIP's answer, before recording it, is settled by the next run.
+TEST_F(Invoicing, BatchesAreOneRequestRenumberWhatAfipStoppedAndRunAgainSafely)
+{
+    Simulator simulator({"--refuse-relogin-seconds", "0"});
+    std::vector<Voucher> batch;
+    std::map<std::string, long long> dni_of_sale;
+    for (int i = 0; i < 7; ++i) {
+        batch.push_back(voucher_of("batch-" + std::to_string(i), 60000000 + i, 2));
+        if (i != 3)
+            dni_of_sale[batch.back().sale_id] = 60000000 + i;
+    }
+    batch[3].total = Money::from_cents(12000); // not the sum of its amounts: 10048 rejects it
+    const auto run = [&](const std::vector<Voucher>& vouchers) {
+        Ledger ledger("ledger.sqlite");
+        LibraryChannel channel(settings_for(simulator), {});
+        return Authoriser(ledger, channel, AuthorisationSettings(issuer)).authorise(vouchers);
+    };
+    std::vector<SaleOutcome> outcomes = run(batch);
+    const std::vector<std::pair<int, std::int64_t>> expected = {{0, 1}, {0, 2}, {0, 3}, {20, 4}, {0, 4}, {0, 5}, {0, 6}};
+    for (size_t i = 0; i < outcomes.size(); ++i)
+        EXPECT_EQ(std::make_pair(outcomes[i].status, outcomes[i].number), expected[i]) << i;
+    EXPECT_EQ(authorisation_requests(simulator), 2u) << "the batch, then the three AFIP stopped";
+    EXPECT_FALSE(Ledger("ledger.sqlite").sale("batch-3")->number) << "a rejected voucher keeps no number";
+
+    outcomes = run(batch);
+    for (size_t i = 0; i < outcomes.size(); ++i)
+        EXPECT_EQ(outcomes[i].from_ledger, i != 3) << i;
+    EXPECT_EQ(authorisation_requests(simulator), 3u) << "only the rejected voucher went again";
+    expect_one_voucher_per_sale(simulator, dni_of_sale, 2);
+
+    // Killed with AFIP's answer in hand, before the ledger learnt it.
+    std::vector<Voucher> second;
+    for (int i = 0; i < 5; ++i) {
+        second.push_back(voucher_of("second-" + std::to_string(i), 61000000 + i, 2));
+        dni_of_sale[second.back().sale_id] = 61000000 + i;
+    }
+    int told[2];
+    ASSERT_EQ(pipe(told), 0);
+    const pid_t host = fork();
+    if (host == 0) {
+        alarm(60);
+        Ledger ledger("ledger.sqlite");
+        LibraryChannel library(settings_for(simulator), {});
+        StoppingChannel channel(library, 1, true, false, told[1]); // after FECompTotXRequest, FECAESolicitar
+        Authoriser(ledger, channel, AuthorisationSettings(issuer)).authorise(second);
+        _exit(1);
+    }
+    char byte = 0;
+    ASSERT_EQ(read(told[0], &byte, 1), 1);
+    kill(host, SIGKILL);
+    waitpid(host, nullptr, 0);
+    close(told[0]), close(told[1]);
+    outcomes = run(second);
+    for (const SaleOutcome& outcome : outcomes)
+        EXPECT_TRUE(outcome.status == status::approved && outcome.recovered) << outcome.sale_id << " " << outcome.message;
+    EXPECT_EQ(authorisation_requests(simulator), 4u) << "the killed host's batch, and nothing more";
+    expect_one_voucher_per_sale(simulator, dni_of_sale, 2);
+}
+
+// Vouchers sold under a CAEA while WSFEv1 cannot be reached, then informed by hosts killed before
+// and after FECAEARegInformativo: in the end each is informed once, none lost.
+TEST_F(Invoicing, InformingKilledAnywhereInformsEachCaeaVoucherOnce)
+{
+    Simulator simulator({"--refuse-relogin-seconds", "0", "--today", "2026-07-10"});
+    {
+        Ledger ledger("ledger.sqlite");
+        LibraryChannel channel(settings_for(simulator), {});
+        ASSERT_EQ(CaeaDesk(ledger, channel, issuer).request(202607, 1).status, status::approved);
+        SoapSettings unreachable = settings_for(simulator);
+        unreachable.ws_url = "http://127.0.0.1:1/wsfev1/service.asmx";
+        LibraryChannel offline(unreachable, {});
+        std::vector<Voucher> sold;
+        for (int i = 0; i < 6; ++i) {
+            sold.push_back(voucher_of("offline-" + std::to_string(i), 70000000 + i));
+            sold.back().date = "20260705";
+        }
+        AuthorisationSettings contingency(issuer);
+        contingency.contingency = true;
+        contingency.caea_point_of_sale = 7;
+        for (const SaleOutcome& outcome : Authoriser(ledger, offline, contingency).authorise(sold))
+            ASSERT_EQ(outcome.status, status::caea_issued) << outcome.message;
+    }
+    int told[2];
+    ASSERT_EQ(pipe(told), 0);
+    std::mt19937 random(std::random_device{}());
+    for (int round = 0; round < 12; ++round) {
+        const pid_t host = fork();
+        if (host == 0) {
+            alarm(60);
+            Ledger ledger("ledger.sqlite");
+            LibraryChannel library(settings_for(simulator), {});
+            StoppingChannel channel(library, static_cast<int>(random() % 2), round % 2 == 1, false, told[1]);
+            CaeaDesk(ledger, channel, issuer).inform();
+            _exit(0);
+        }
+        bool stopped = false;
+        int status = 0;
+        while (!stopped && waitpid(host, &status, WNOHANG) == 0) {
+            pollfd tell{told[0], POLLIN, 0};
+            char byte = 0;
+            stopped = poll(&tell, 1, 50) == 1 && read(told[0], &byte, 1) == 1;
+        }
+        kill(host, SIGKILL);
+        waitpid(host, nullptr, 0);
+    }
+    close(told[0]), close(told[1]);
+    Ledger ledger("ledger.sqlite");
+    LibraryChannel channel(settings_for(simulator), {});
+    CaeaDesk(ledger, channel, issuer).inform();
+    EXPECT_TRUE(ledger.sales_to_inform(issuer).empty());
+    const auto [held, last] = vouchers_at(simulator, 7);
+    EXPECT_EQ(last, 6);
+    for (int i = 0; i < 6; ++i) {
+        const std::optional<SaleRecord> sale = ledger.sale("offline-" + std::to_string(i));
+        ASSERT_TRUE(sale && sale->informed == "yes" && sale->number) << i;
+        EXPECT_EQ(held.at(*sale->number).first, std::to_string(70000000 + i));
     }
 }

@@ -13,6 +13,9 @@ enum class Command {
     invoice,     // authorise a voucher (or a batch) through the invoicing core
     ledger_list, // the ledger's sales, for the accountant
     ledger_show, // one sale with everything the ledger keeps of it
+    padron,      // what AFIP's registry says of a CUIT
+    receipt,     // a printed voucher of a sale of the ledger
+    caea,        // CAEA contingency: request, show, inform, no-movement, status
 };
 
 // Everything the command line asked for; an absent option leaves its setter uncalled.
@@ -27,6 +30,14 @@ struct CliOptions {
     std::string from_date, to_date; // ledger list, yyyymmdd
     std::optional<int> point_of_sale;
     std::string format = "json"; // ledger list: json or csv
+    std::optional<std::int64_t> looked_up_cuit; // padron's argument
+    std::string registry_url;                   // invoice: the registry's constancia address
+    std::string issuer_file;                    // receipt: the issuer's profile
+    std::string out_file;                       // receipt: "-" standard output
+    std::string caea_action;                    // caea: request, show, inform, no_movement, status
+    std::optional<int> period, order;           // caea: a fortnight
+    bool contingency = false;                   // invoice: a CAEA when WSFEv1 cannot be reached
+    std::optional<int> caea_point_of_sale;      // invoice: where contingency vouchers go
     std::string library_path; // empty: TARVO_LIBRARY, the build tree's copy, or the installed library
     std::optional<std::string> wsaa_url;
     std::optional<std::string> certificate_path;

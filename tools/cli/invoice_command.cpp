@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -80,6 +81,12 @@ json settings_of(const CliOptions& options, const std::optional<std::string>& pa
     put("proxy_password", options.proxy_password);
     if (!options.ledger_path.empty())
         settings["ledger"] = options.ledger_path;
+    if (!options.registry_url.empty())
+        settings["registry_url"] = options.registry_url;
+    if (options.contingency)
+        settings["contingency"] = true;
+    if (options.caea_point_of_sale)
+        settings["caea_point_of_sale"] = *options.caea_point_of_sale;
     if (options.tls_level)
         settings["tls_level"] = *options.tls_level;
     if (options.timeout_ms)
@@ -94,10 +101,10 @@ json settings_of(const CliOptions& options, const std::optional<std::string>& pa
 }
 
 // What the user reads on standard error for a sale's status.
-void explain_status(int status, const std::string& message)
+void explain_status(int status, const std::string& message, const std::string& bad_input = "bad invoice file: ")
 {
     if (status == TARVO_INVOICING_BAD_INPUT)
-        complain("bad invoice file: " + message);
+        complain(bad_input + message);
     else if (status >= 1 && status <= 17)
         complain(message + ": result " + std::to_string(status) + ": " + explain_result(status));
     else if (status != TARVO_INVOICING_OK)
@@ -146,11 +153,15 @@ int authorise_one(InvoicingHandle& handle, const CliOptions& options)
     }
     std::string outcome;
     const int status = handle.call(outcome, tarvo_invoicing_authorise, text.c_str());
-    if (!outcome.empty())
+    if (!outcome.empty()) {
         std::cout << outcome << std::endl;
+        for (const json& warning : json::parse(outcome).value("warnings", json::array()))
+            complain("warning: " + warning.get<std::string>());
+    }
     explain_status(status, handle.message());
+    const bool voucher_exists = status == TARVO_INVOICING_OK || status == TARVO_INVOICING_CAEA;
     if (!options.qr_png_file.empty()) {
-        if (status != TARVO_INVOICING_OK) {
+        if (!voucher_exists) {
             ::unlink(options.qr_png_file.c_str());
         } else {
             const json url = json::parse(outcome)["qr_url"];
@@ -200,11 +211,22 @@ int authorise_batch(InvoicingHandle& handle, const CliOptions& options)
             return status;
         }
     }
-    const json outcomes = json::parse(outcomes_text);
+    // The core writes one outcome a line: each is read alone, never the whole list at once.
+    std::istringstream outcome_lines(outcomes_text);
+    std::string outcome_line;
     int first_failure = TARVO_INVOICING_OK;
-    size_t next = 0;
     for (const std::optional<json>& refusal : refused) {
-        const json& outcome = refusal ? *refusal : outcomes.at(next++);
+        json outcome;
+        if (refusal) {
+            outcome = *refusal;
+        } else {
+            do
+                std::getline(outcome_lines, outcome_line);
+            while (outcome_lines && (outcome_line == "[" || outcome_line == "]"));
+            if (!outcome_line.empty() && outcome_line.back() == ',')
+                outcome_line.pop_back();
+            outcome = json::parse(outcome_line);
+        }
         std::cout << outcome.dump(-1, ' ', false, json::error_handler_t::replace) << '\n';
         const int status = outcome["status"].get<int>();
         if (status != TARVO_INVOICING_OK && first_failure == TARVO_INVOICING_OK) {
@@ -248,6 +270,94 @@ int run_invoice(const CliOptions& options, const std::optional<std::string>& pas
         report_transfer_log(log, options);
     }
     return status;
+}
+
+int run_padron(const CliOptions& options, const std::optional<std::string>& password)
+{
+    CliOptions core_options = options;
+    // --service and --url name the registry here; the core logs in to it as to any service.
+    const bool a13 = options.service.value_or("") == "ws_sr_padron_a13";
+    core_options.service.reset();
+    core_options.service_url.reset();
+    json settings = settings_of(core_options, password);
+    if (options.service_url)
+        settings[a13 ? "registry_a13_url" : "registry_url"] = *options.service_url;
+    InvoicingHandle handle(settings);
+    int status = handle.open_status();
+    std::string person;
+    if (status == TARVO_INVOICING_OK) {
+        const json query{{"cuit", *options.looked_up_cuit},
+                         {"service", options.service.value_or("ws_sr_constancia_inscripcion")}};
+        status = handle.call(person, tarvo_invoicing_lookup, query.dump().c_str());
+    }
+    if (!person.empty())
+        std::cout << person << std::endl;
+    explain_status(status, handle.message(), "");
+    std::string log;
+    if (options.print_log || !options.log_file.empty()) {
+        handle.call(log, tarvo_invoicing_transfer_log);
+        report_transfer_log(log, options);
+    }
+    return status;
+}
+
+int run_caea(const CliOptions& options, const std::optional<std::string>& password)
+{
+    InvoicingHandle handle(settings_of(options, password));
+    int status = handle.open_status();
+    std::string result;
+    if (status == TARVO_INVOICING_OK) {
+        json command{{"action", options.caea_action}};
+        if (options.period) {
+            command["period"] = *options.period;
+            command["order"] = *options.order;
+        }
+        if (options.point_of_sale)
+            command["point_of_sale"] = *options.point_of_sale;
+        status = handle.call(result, tarvo_invoicing_caea, command.dump().c_str());
+    }
+    if (!result.empty()) {
+        const json parsed = json::parse(result);
+        std::cout << parsed.dump(2, ' ', false, json::error_handler_t::replace) << std::endl;
+        if (parsed.is_object() && parsed.contains("warnings"))
+            for (const json& warning : parsed["warnings"])
+                complain("warning: " + warning.get<std::string>());
+    }
+    explain_status(status, handle.message(), "");
+    return status;
+}
+
+int run_receipt(const CliOptions& options)
+{
+    json settings = json::object();
+    if (!options.ledger_path.empty())
+        settings["ledger"] = options.ledger_path;
+    InvoicingHandle handle(settings);
+    int status = handle.open_status();
+    char* data = nullptr;
+    size_t length = 0;
+    if (status == TARVO_INVOICING_OK) {
+        const json request{{"sale_id", options.sale_id}, {"issuer_file", options.issuer_file}, {"format", options.format}};
+        status = tarvo_invoicing_receipt(handle.get(), request.dump().c_str(), &data, &length);
+    }
+    const OwnedText owned(data);
+    if (status != TARVO_INVOICING_OK) {
+        complain(handle.message());
+        return status;
+    }
+    if (options.out_file == "-") {
+        std::cout.write(data, static_cast<std::streamsize>(length));
+        std::cout.flush();
+        return std::cout ? TARVO_INVOICING_OK : TARVO_INVOICING_CANNOT_WRITE;
+    }
+    std::ofstream out(options.out_file, std::ios::binary | std::ios::trunc);
+    out.write(data, static_cast<std::streamsize>(length));
+    out.close();
+    if (!out) {
+        complain("cannot write the printout to " + options.out_file);
+        return TARVO_INVOICING_CANNOT_WRITE;
+    }
+    return TARVO_INVOICING_OK;
 }
 
 int run_ledger(const CliOptions& options)

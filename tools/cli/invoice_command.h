@@ -11,6 +11,15 @@
 // result code (0 approved, 20 rejected, 21 unknown, 1-17 the exchange failed...).
 int run_invoice(const CliOptions& options, const std::optional<std::string>& password);
 
+// "tarvoafip_cli padron CUIT": what AFIP's registry says of it, as JSON; returns the exit status.
+int run_padron(const CliOptions& options, const std::optional<std::string>& password);
+
+// "tarvoafip_cli caea ...": CAEA contingency through the core; returns the exit status.
+int run_caea(const CliOptions& options, const std::optional<std::string>& password);
+
+// "tarvoafip_cli receipt": a printed voucher of a sale of the ledger; returns the exit status.
+int run_receipt(const CliOptions& options);
+
 // "tarvoafip_cli ledger list|show": the ledger's sales; returns the exit status.
 int run_ledger(const CliOptions& options);
 

@@ -131,7 +131,9 @@ void warn_before_sending(const std::string& request)
 // invoice and ledger: through the invoicing core, which does not load the driver.
 int run_on_core(const CliOptions& options)
 {
-    if (options.command != Command::invoice)
+    if (options.command == Command::receipt)
+        return run_receipt(options);
+    if (options.command != Command::invoice && options.command != Command::padron && options.command != Command::caea)
         return run_ledger(options);
     std::optional<std::string> certificate_password;
     try {
@@ -141,7 +143,14 @@ int run_on_core(const CliOptions& options)
         return exit_no_input;
     }
     warn_before_sending("");
-    return run_invoice(options, certificate_password);
+    switch (options.command) {
+    case Command::padron:
+        return run_padron(options, certificate_password);
+    case Command::caea:
+        return run_caea(options, certificate_password);
+    default:
+        return run_invoice(options, certificate_password);
+    }
 }
 
 int run(const CliOptions& options)

@@ -174,7 +174,7 @@ InvoicingService::InvoicingService(const TicketRegistry& tickets, const Padron& 
 
 std::string InvoicingService::today() const
 {
-    return m_settings.today.empty() ? argentina_today() : m_settings.today;
+    return m_settings.today.empty() ? argentina_today(WallClock::now()) : m_settings.today;
 }
 
 std::string InvoicingService::processed_now() const

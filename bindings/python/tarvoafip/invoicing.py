@@ -29,6 +29,7 @@ SONAME = "libtarvoafipinvoicing.so.1"
 
 # The core's result codes (tarvoafipinvoicing.h); 1-17 are libtarvoafipdriver's.
 OK, REJECTED, OUTCOME_UNKNOWN, SALE_CONFLICT, LEDGER_ERROR, BUSY, NOT_FOUND = 0, 20, 21, 22, 23, 24, 25
+UNKNOWN_CUIT, INACTIVE_KEY, REGISTRY_REFUSED, CONDITION_UNFIT, CAEA = 26, 27, 28, 29, 30
 BAD_INPUT, INTERNAL, CANNOT_WRITE = 65, 70, 73
 
 
@@ -75,6 +76,9 @@ _SIGNATURES = {
     "tarvo_invoicing_authorise": ([_HANDLE, _TEXT, _OUT], ctypes.c_int),
     "tarvo_invoicing_authorise_batch": ([_HANDLE, _TEXT, _OUT], ctypes.c_int),
     "tarvo_invoicing_ledger_list": ([_HANDLE, _TEXT, _OUT], ctypes.c_int),
+    "tarvo_invoicing_lookup": ([_HANDLE, _TEXT, _OUT], ctypes.c_int),
+    "tarvo_invoicing_caea": ([_HANDLE, _TEXT, _OUT], ctypes.c_int),
+    "tarvo_invoicing_receipt": ([_HANDLE, _TEXT, _OUT, ctypes.POINTER(ctypes.c_size_t)], ctypes.c_int),
     "tarvo_invoicing_ledger_show": ([_HANDLE, _TEXT, _OUT], ctypes.c_int),
     "tarvo_invoicing_read_answer": ([_HANDLE, _TEXT, _OUT], ctypes.c_int),
     "tarvo_invoicing_qr_url": ([_HANDLE, _TEXT, _OUT], ctypes.c_int),
@@ -157,10 +161,39 @@ class Invoicing:
         return value
 
     def authorise(self, voucher, sale_id=None):
-        """The outcome dict of one voucher (approved or rejected); see the module's text."""
+        """The outcome dict of one voucher (approved, rejected, or issued under a CAEA with the
+        "contingency" setting); see the module's text."""
         if sale_id is not None:
             voucher = dict(voucher, sale_id=sale_id)
-        return self._json("tarvo_invoicing_authorise", _bytes(json.dumps(voucher)), (OK, REJECTED))
+        return self._json("tarvo_invoicing_authorise", _bytes(json.dumps(voucher)), (OK, REJECTED, CAEA))
+
+    def lookup(self, cuit, service="ws_sr_constancia_inscripcion", reuse=False):
+        """What AFIP's registry says of a CUIT (a dict with its CondicionIVAReceptorId); an inactive
+        key still returns the dict, with key_state INACTIVO."""
+        return self._json("tarvo_invoicing_lookup", _bytes(json.dumps({"cuit": int(cuit), "service": service,
+                                                                       "reuse": reuse})), (OK, INACTIVE_KEY))
+
+    def caea(self, action, **arguments):
+        """CAEA contingency: action request (period, order), show, inform, no_movement (point_of_sale,
+        period, order) or status; the result as the core gives it (inform's refusals come back
+        inside it, with code 20)."""
+        return self._json("tarvo_invoicing_caea", _bytes(json.dumps(dict(arguments, action=action))),
+                          (OK, REJECTED) if action == "inform" else (OK,))
+
+    def receipt(self, sale_id, issuer, format="pdf-a4"):
+        """The printed voucher's bytes: `issuer` a profile dict, or the path of a profile file."""
+        request = {"sale_id": sale_id, "format": format}
+        request["issuer" if isinstance(issuer, dict) else "issuer_file"] = issuer if isinstance(issuer, dict) \
+            else os.fspath(issuer)
+        out = ctypes.c_void_p()
+        length = ctypes.c_size_t()
+        code = self.library.tarvo_invoicing_receipt(self.handle, _bytes(json.dumps(request)), ctypes.byref(out),
+                                                    ctypes.byref(length))
+        if code != OK:
+            _raise(code, self.library.tarvo_invoicing_message(self.handle).decode("utf-8", "replace"))
+        data = ctypes.string_at(out.value, length.value)
+        self.library.tarvo_invoicing_free(out)
+        return data
 
     def authorise_batch(self, vouchers):
         """One outcome dict per voucher, in their order, each with its "status" and "message"."""
