@@ -5,9 +5,11 @@
 #include <sched.h>
 #include <signal.h>
 #include <sqlite3.h>
+#include <linux/capability.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -276,12 +278,20 @@ TEST_F(Invoicing, UnusableLedgersSendNothingAndStayAsTheyWere)
                 const rlimit limit{0, 0};
                 setrlimit(RLIMIT_FSIZE, &limit);
             } else if (std::string(each.name) == "a read-only file system") {
-                // As root: a private mount of the working directory, read-only; otherwise the file's mode.
+                // As root: a private mount of the working directory, read-only. Where that cannot be
+                // made (a chroot, no privilege): the modes, and root without its power to ignore them.
                 const char* here = workspace.path().c_str();
                 if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
                     mount(here, here, nullptr, MS_BIND, nullptr) != 0 ||
-                    mount(nullptr, here, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0 || chdir(here) != 0)
+                    mount(nullptr, here, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0 || chdir(here) != 0) {
                     chmod("ledger.sqlite", 0444), chmod(".", 0555);
+                    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+                    __user_cap_data_struct capabilities[2] = {};
+                    if (syscall(SYS_capget, &header, capabilities) == 0) {
+                        capabilities[0].effective &= ~(1u << CAP_DAC_OVERRIDE);
+                        (void)syscall(SYS_capset, &header, capabilities);
+                    }
+                }
             }
             SaleOutcome outcome;
             try {
