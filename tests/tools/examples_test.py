@@ -20,6 +20,8 @@ EMULATION = os.environ.get("TARVO_I386_EMULATION")
 FEV1 = "http://ar.gov.afip.dif.FEV1/"
 LIBRARIES = {"TARVO_LIBRARY": LIBRARY, "TARVO_INVOICING_LIBRARY": os.environ["TARVO_INVOICING_LIBRARY"]}
 QR = "https://www.afip.gob.ar/fe/qr/?p="
+ISSUER = {"name": "Panadería La Señora S.R.L.", "address": "Av. Corrientes 1234, CABA", "cuit": "30-50001091-2",
+          "iibb": "901-123456-7", "activities_start": "2020-03-01", "vat_condition": 1}
 
 
 def compile_pascal(scratch, source, variant):
@@ -113,10 +115,12 @@ class Examples(unittest.TestCase):
 
     def test_each_binding_hands_over_the_cores_results_codes_and_messages(self):
         """What the invoice examples leave out, through each binding's own class: every function, the
-        code and the core's message of a failure, and the outcome a failure still carries."""
+        code and the core's message of a failure, the outcome a failure still carries, and a printed
+        voucher's bytes whole (its NULs included)."""
         with open(os.path.join(SAMPLES, "factura_b.json")) as file:
             voucher = json.load(file)
         sale = lambda sale_id, **changes: json.dumps(dict(voucher, sale_id=sale_id, **changes))
+        receipt = lambda sale_id, format: json.dumps({"sale_id": sale_id, "issuer": ISSUER, "format": format})
         rejected_answer = "<FECAESolicitarResult><FeCabResp><Resultado>R</Resultado></FeCabResp></FECAESolicitarResult>"
         qr_voucher = {"fecha": "20240102", "cuit": 20111111112, "ptoVta": 1, "tipoCmp": 6, "nroCmp": 7, "importe": "1.5",
                       "tipoDocRec": 99, "nroDocRec": 0, "codAut": "12345678901234"}
@@ -137,9 +141,17 @@ class Examples(unittest.TestCase):
                 ("qr", json.dumps(qr_voucher), 0, "\t\t" + QR),
                 ("qr", "{}", 65, "fecha"),
                 ("png", os.path.join(scratch, "none", "qr.png"), 73, scratch),
-                ("png", png, 0, "\t\t"))
+                ("png", png, 0, "\t\t"),
+                ("lookup", '{"cuit":30500010912}', 0, '"CondicionIVAReceptorId":1'),
+                ("lookup", '{"cuit":20888888889}', 27, '"cuit":20888888889'),
+                ("receipt", receipt("b2", "pdf-a4"), 0, "\t\t" + b"%PDF".hex()),
+                ("receipt", receipt("b2", "escpos"), 0, b"\x1d(k".hex()),
+                ("receipt", receipt("nope", "escpos"), 25, "nope"),
+                ("caea", '{"action":"show"}', 0, "\t\t[]"),
+                ("caea", '{"action":"bogus"}', 65, "bogus"))
             settings = json.dumps({"cuit": 20111111112, "wsaa_url": simulator.wsaa(), "certificate": fixture("signer.p12"),
-                                   "password": "pw", "url": simulator.wsfe()})
+                                   "password": "pw", "url": simulator.wsfe(),
+                                   "registry_url": simulator.url("/sr-padron/webservices/personaServiceA5")})
             probes = {variant: compile_pascal(scratch, os.path.join(SOURCE, "tests", "tools", "invoicing_probe.pas"), variant)
                       for variant in (() if PRELOAD else ("pascal linked", "pascal loaded"))}
             if not EMULATION:
