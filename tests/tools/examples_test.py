@@ -143,9 +143,10 @@ class Examples(unittest.TestCase):
                 ("png", os.path.join(scratch, "none", "qr.png"), 73, scratch),
                 ("png", png, 0, "\t\t"),
                 ("lookup", '{"cuit":30500010912}', 0, '"CondicionIVAReceptorId":1'),
-                ("lookup", '{"cuit":20888888889}', 27, '"cuit":20888888889'),
-                ("receipt", receipt("b2", "pdf-a4"), 0, "\t\t" + b"%PDF".hex()),
-                ("receipt", receipt("b2", "escpos"), 0, b"\x1d(k".hex()),
+                ("lookup", '{"cuit":20888888889}', 27, '"key_state":"INACTIVO"'),
+                # The bytes in hexadecimal, whole to their end: NULs come early in both.
+                ("receipt", receipt("b2", "pdf-a4"), 0, ("\t\t" + b"%PDF".hex(), b"%%EOF\n".hex() + "\n")),
+                ("receipt", receipt("b2", "escpos"), 0, (b"\x1d(k".hex(), b"\x1dVB\x00".hex() + "\n")),
                 ("receipt", receipt("nope", "escpos"), 25, "nope"),
                 ("caea", '{"action":"show"}', 0, "\t\t[]"),
                 ("caea", '{"action":"bogus"}', 65, "bogus"))
@@ -165,11 +166,12 @@ class Examples(unittest.TestCase):
                 self.assertEqual(refused.stdout, "65\tunknown setting 'bogus'\t\n", (language, refused.stderr))
                 arguments = [word for action, argument, _, _ in cases for word in (action, argument)]
                 result = run(probe + [settings] + arguments, cwd=work, env=dict(PRELOAD, **LIBRARIES))
-                lines = result.stdout.splitlines()
+                lines = result.stdout.splitlines(keepends=True)
                 self.assertEqual(len(lines), len(cases), (language, result.stdout, result.stderr))
                 for (action, argument, code, holds), line in zip(cases, lines):
                     self.assertEqual(line.split("\t")[0], str(code), (language, action, line))
-                    self.assertIn(holds, line, (language, action))
+                    for piece in holds if isinstance(holds, tuple) else (holds,):
+                        self.assertIn(piece, line, (language, action))
                 with open(png, "rb") as image:
                     self.assertEqual(image.read(8), b"\x89PNG\r\n\x1a\n", language)
                 os.remove(png)
