@@ -149,10 +149,16 @@ class Examples(unittest.TestCase):
                 ("receipt", receipt("b2", "escpos"), 0, (b"\x1d(k".hex(), b"\x1dVB\x00".hex() + "\n")),
                 ("receipt", receipt("nope", "escpos"), 25, "nope"),
                 ("caea", '{"action":"show"}', 0, "\t\t[]"),
+                ("caea", '{"action":"request"}', 0, '\t\t{"CAEA":"'),
                 ("caea", '{"action":"bogus"}', 65, "bogus"))
-            settings = json.dumps({"cuit": 20111111112, "wsaa_url": simulator.wsaa(), "certificate": fixture("signer.p12"),
-                                   "password": "pw", "url": simulator.wsfe(),
-                                   "registry_url": simulator.url("/sr-padron/webservices/personaServiceA5")})
+            settings = {"cuit": 20111111112, "wsaa_url": simulator.wsaa(), "certificate": fixture("signer.p12"),
+                        "password": "pw", "url": simulator.wsfe(),
+                        "registry_url": simulator.url("/sr-padron/webservices/personaServiceA5")}
+            # Then WSFEv1 out of reach: the sale goes out under that CAEA, and informing it fails; both
+            # failures carry what the core has to say of the sale.
+            offline = (dict(settings, url="http://127.0.0.1:1/wsfev1/service.asmx", contingency=True),
+                       (("authorise", sale("c1"), 30, ('"sale_id":"c1","Resultado":"A"', '"informed":false')),
+                        ("caea", '{"action":"inform"}', 14, '[ {"sale_id":"c1"')))
             probes = {variant: compile_pascal(scratch, os.path.join(SOURCE, "tests", "tools", "invoicing_probe.pas"), variant)
                       for variant in (() if PRELOAD else ("pascal linked", "pascal loaded"))}
             if not EMULATION:
@@ -164,14 +170,16 @@ class Examples(unittest.TestCase):
                 os.mkdir(work)
                 refused = run(probe + ['{"bogus": 1}'], cwd=work, env=dict(PRELOAD, **LIBRARIES))
                 self.assertEqual(refused.stdout, "65\tunknown setting 'bogus'\t\n", (language, refused.stderr))
-                arguments = [word for action, argument, _, _ in cases for word in (action, argument)]
-                result = run(probe + [settings] + arguments, cwd=work, env=dict(PRELOAD, **LIBRARIES))
-                lines = result.stdout.splitlines(keepends=True)
-                self.assertEqual(len(lines), len(cases), (language, result.stdout, result.stderr))
-                for (action, argument, code, holds), line in zip(cases, lines):
-                    self.assertEqual(line.split("\t")[0], str(code), (language, action, line))
-                    for piece in holds if isinstance(holds, tuple) else (holds,):
-                        self.assertIn(piece, line, (language, action))
+                for run_settings, run_cases in ((settings, cases), offline):
+                    arguments = [word for action, argument, _, _ in run_cases for word in (action, argument)]
+                    result = run(probe + [json.dumps(run_settings)] + arguments, cwd=work,
+                                 env=dict(PRELOAD, **LIBRARIES))
+                    lines = result.stdout.splitlines(keepends=True)
+                    self.assertEqual(len(lines), len(run_cases), (language, result.stdout, result.stderr))
+                    for (action, argument, code, holds), line in zip(run_cases, lines):
+                        self.assertEqual(line.split("\t")[0], str(code), (language, action, line))
+                        for piece in holds if isinstance(holds, tuple) else (holds,):
+                            self.assertIn(piece, line, (language, action))
                 with open(png, "rb") as image:
                     self.assertEqual(image.read(8), b"\x89PNG\r\n\x1a\n", language)
                 os.remove(png)
