@@ -1,5 +1,6 @@
 { libtarvoafipinvoicing for Free Pascal (and Lazarus) and Delphi-style Pascal: vouchers authorised at
-  most once through the core's ledger, FECAESolicitar answers read, AFIP's QR code made. The core does
+  most once through the core's ledger, AFIP's registry asked, vouchers printed, CAEA contingency,
+  FECAESolicitar answers read, AFIP's QR code made. The core does
   the work; this unit passes its JSON in and out (tarvoafipinvoicing.h names every key). Read the
   JSON with fpjson (fcl-json).
 
@@ -11,7 +12,9 @@
   TTarvoInvoicing owns one handle, that is one configuration; use each object from one thread at a
   time. Its methods return the core's JSON and raise ETarvoInvoicing on a non-zero result code, with
   the core's message and the JSON the core still gave: the outcome of a rejected voucher (20), of one
-  whose outcome is unknown (21) or of a failed exchange (1-17), a batch's outcomes. }
+  whose outcome is unknown (21), of one issued under a CAEA (30) or of a failed exchange (1-17), a
+  batch's outcomes, the person of an inactive key (27), the report of an inform that some refused (20)
+  or whose outcome is unknown (21). }
 unit tarvoafipinvoicing;
 
 {$IFDEF FPC}{$MODE DELPHI}{$ENDIF}
@@ -33,9 +36,21 @@ const
   TARVO_INVOICING_LEDGER_ERROR = 23;
   TARVO_INVOICING_BUSY = 24;
   TARVO_INVOICING_NOT_FOUND = 25;
+  TARVO_INVOICING_UNKNOWN_CUIT = 26;
+  TARVO_INVOICING_INACTIVE_KEY = 27;
+  TARVO_INVOICING_REGISTRY_REFUSED = 28;
+  TARVO_INVOICING_CONDITION_UNFIT = 29;
+  { The header's TARVO_INVOICING_CAEA: Pascal's names ignore case, and tarvo_invoicing_caea is the function. }
+  TARVO_INVOICING_CAEA_ISSUED = 30;
   TARVO_INVOICING_BAD_INPUT = 65;
   TARVO_INVOICING_INTERNAL = 70;
   TARVO_INVOICING_CANNOT_WRITE = 73;
+
+{$IFNDEF FPC}
+type
+  SizeUInt = NativeUInt; { size_t: as wide as a pointer on every target this unit is for }
+  PSizeUInt = ^SizeUInt;
+{$ENDIF}
 
 type
   { A non-zero result code with the core's message; Output is the JSON the core gave with it, or ''. }
@@ -58,6 +73,14 @@ type
     function Authorise(const VoucherJson: UTF8String): UTF8String;
     { The outcomes of a JSON list of vouchers, in their order. }
     function AuthoriseBatch(const VouchersJson: UTF8String): UTF8String;
+    { What AFIP's registry says of a CUIT, asked as tarvo_invoicing_lookup takes it ("cuit", "service",
+      "reuse"). An inactive key (27) raises with the person in Output. }
+    function Lookup(const QueryJson: UTF8String): UTF8String;
+    { The printed voucher (PDF or ESC/POS) of an approved sale, byte for byte: it may hold NULs. }
+    function Receipt(const RequestJson: UTF8String): TBytes;
+    { A CAEA contingency command: "action" request, show, inform, no_movement or status. An inform that
+      some refused (20) or whose outcome is unknown (21) raises with its report in Output. }
+    function Caea(const CommandJson: UTF8String): UTF8String;
     { The ledger's sales; FilterJson '' for all. }
     function LedgerList(const FilterJson: UTF8String = ''): UTF8String;
     function LedgerShow(const SaleId: UTF8String): UTF8String;
@@ -83,6 +106,12 @@ function tarvo_invoicing_authorise(Invoicing: Pointer; VoucherJson: PAnsiChar; O
   external TarvoInvoicingLibrary;
 function tarvo_invoicing_authorise_batch(Invoicing: Pointer; VouchersJson: PAnsiChar; OutcomesJson: PPAnsiChar): Int32;
   cdecl; external TarvoInvoicingLibrary;
+function tarvo_invoicing_caea(Invoicing: Pointer; CommandJson: PAnsiChar; ResultJson: PPAnsiChar): Int32; cdecl;
+  external TarvoInvoicingLibrary;
+function tarvo_invoicing_lookup(Invoicing: Pointer; QueryJson: PAnsiChar; PersonJson: PPAnsiChar): Int32; cdecl;
+  external TarvoInvoicingLibrary;
+function tarvo_invoicing_receipt(Invoicing: Pointer; RequestJson: PAnsiChar; Data: PPAnsiChar; Length: PSizeUInt): Int32;
+  cdecl; external TarvoInvoicingLibrary;
 function tarvo_invoicing_ledger_list(Invoicing: Pointer; FilterJson: PAnsiChar; SalesJson: PPAnsiChar): Int32; cdecl;
   external TarvoInvoicingLibrary;
 function tarvo_invoicing_ledger_show(Invoicing: Pointer; SaleId: PAnsiChar; SaleJson: PPAnsiChar): Int32; cdecl;
@@ -103,6 +132,10 @@ var
   tarvo_invoicing_authorise: function(Invoicing: Pointer; VoucherJson: PAnsiChar; OutcomeJson: PPAnsiChar): Int32; cdecl;
   tarvo_invoicing_authorise_batch: function(Invoicing: Pointer; VouchersJson: PAnsiChar;
     OutcomesJson: PPAnsiChar): Int32; cdecl;
+  tarvo_invoicing_caea: function(Invoicing: Pointer; CommandJson: PAnsiChar; ResultJson: PPAnsiChar): Int32; cdecl;
+  tarvo_invoicing_lookup: function(Invoicing: Pointer; QueryJson: PAnsiChar; PersonJson: PPAnsiChar): Int32; cdecl;
+  tarvo_invoicing_receipt: function(Invoicing: Pointer; RequestJson: PAnsiChar; Data: PPAnsiChar;
+    Length: PSizeUInt): Int32; cdecl;
   tarvo_invoicing_ledger_list: function(Invoicing: Pointer; FilterJson: PAnsiChar; SalesJson: PPAnsiChar): Int32; cdecl;
   tarvo_invoicing_ledger_show: function(Invoicing: Pointer; SaleId: PAnsiChar; SaleJson: PPAnsiChar): Int32; cdecl;
   tarvo_invoicing_read_answer: function(Invoicing: Pointer; AnswerXml: PAnsiChar; OutcomeJson: PPAnsiChar): Int32; cdecl;
@@ -167,6 +200,9 @@ begin
     @tarvo_invoicing_message := Resolve('tarvo_invoicing_message');
     @tarvo_invoicing_authorise := Resolve('tarvo_invoicing_authorise');
     @tarvo_invoicing_authorise_batch := Resolve('tarvo_invoicing_authorise_batch');
+    @tarvo_invoicing_caea := Resolve('tarvo_invoicing_caea');
+    @tarvo_invoicing_lookup := Resolve('tarvo_invoicing_lookup');
+    @tarvo_invoicing_receipt := Resolve('tarvo_invoicing_receipt');
     @tarvo_invoicing_ledger_list := Resolve('tarvo_invoicing_ledger_list');
     @tarvo_invoicing_ledger_show := Resolve('tarvo_invoicing_ledger_show');
     @tarvo_invoicing_read_answer := Resolve('tarvo_invoicing_read_answer');
@@ -253,6 +289,43 @@ var
   Text: PAnsiChar;
 begin
   Code := tarvo_invoicing_authorise_batch(FHandle, PAnsiChar(VouchersJson), @Text);
+  Result := Checked(Code, Text);
+end;
+
+function TTarvoInvoicing.Lookup(const QueryJson: UTF8String): UTF8String;
+var
+  Code: Int32;
+  Text: PAnsiChar;
+begin
+  Code := tarvo_invoicing_lookup(FHandle, PAnsiChar(QueryJson), @Text);
+  Result := Checked(Code, Text);
+end;
+
+function TTarvoInvoicing.Receipt(const RequestJson: UTF8String): TBytes;
+var
+  Code: Int32;
+  Data: PAnsiChar;
+  Size: SizeUInt;
+begin
+  Data := nil;
+  Size := 0;
+  Code := tarvo_invoicing_receipt(FHandle, PAnsiChar(RequestJson), @Data, @Size);
+  try
+    Checked(Code, nil);
+    SetLength(Result, Size);
+    if Size > 0 then
+      Move(Data^, Result[0], Size);
+  finally
+    tarvo_invoicing_free(Data);
+  end;
+end;
+
+function TTarvoInvoicing.Caea(const CommandJson: UTF8String): UTF8String;
+var
+  Code: Int32;
+  Text: PAnsiChar;
+begin
+  Code := tarvo_invoicing_caea(FHandle, PAnsiChar(CommandJson), @Text);
   Result := Checked(Code, Text);
 end;
 

@@ -20,6 +20,8 @@ EMULATION = os.environ.get("TARVO_I386_EMULATION")
 FEV1 = "http://ar.gov.afip.dif.FEV1/"
 LIBRARIES = {"TARVO_LIBRARY": LIBRARY, "TARVO_INVOICING_LIBRARY": os.environ["TARVO_INVOICING_LIBRARY"]}
 QR = "https://www.afip.gob.ar/fe/qr/?p="
+ISSUER = {"name": "Panadería La Señora S.R.L.", "address": "Av. Corrientes 1234, CABA", "cuit": "30-50001091-2",
+          "iibb": "901-123456-7", "activities_start": "2020-03-01", "vat_condition": 1}
 
 
 def compile_pascal(scratch, source, variant):
@@ -113,10 +115,12 @@ class Examples(unittest.TestCase):
 
     def test_each_binding_hands_over_the_cores_results_codes_and_messages(self):
         """What the invoice examples leave out, through each binding's own class: every function, the
-        code and the core's message of a failure, and the outcome a failure still carries."""
+        code and the core's message of a failure, the outcome a failure still carries, and a printed
+        voucher's bytes whole (its NULs included)."""
         with open(os.path.join(SAMPLES, "factura_b.json")) as file:
             voucher = json.load(file)
         sale = lambda sale_id, **changes: json.dumps(dict(voucher, sale_id=sale_id, **changes))
+        receipt = lambda sale_id, format: json.dumps({"sale_id": sale_id, "issuer": ISSUER, "format": format})
         rejected_answer = "<FECAESolicitarResult><FeCabResp><Resultado>R</Resultado></FeCabResp></FECAESolicitarResult>"
         qr_voucher = {"fecha": "20240102", "cuit": 20111111112, "ptoVta": 1, "tipoCmp": 6, "nroCmp": 7, "importe": "1.5",
                       "tipoDocRec": 99, "nroDocRec": 0, "codAut": "12345678901234"}
@@ -137,9 +141,24 @@ class Examples(unittest.TestCase):
                 ("qr", json.dumps(qr_voucher), 0, "\t\t" + QR),
                 ("qr", "{}", 65, "fecha"),
                 ("png", os.path.join(scratch, "none", "qr.png"), 73, scratch),
-                ("png", png, 0, "\t\t"))
-            settings = json.dumps({"cuit": 20111111112, "wsaa_url": simulator.wsaa(), "certificate": fixture("signer.p12"),
-                                   "password": "pw", "url": simulator.wsfe()})
+                ("png", png, 0, "\t\t"),
+                ("lookup", '{"cuit":30500010912}', 0, '"CondicionIVAReceptorId":1'),
+                ("lookup", '{"cuit":20888888889}', 27, '"key_state":"INACTIVO"'),
+                # The bytes in hexadecimal, whole to their end: NULs come early in both.
+                ("receipt", receipt("b2", "pdf-a4"), 0, ("\t\t" + b"%PDF".hex(), b"%%EOF\n".hex() + "\n")),
+                ("receipt", receipt("b2", "escpos"), 0, (b"\x1d(k".hex(), b"\x1dVB\x00".hex() + "\n")),
+                ("receipt", receipt("nope", "escpos"), 25, "nope"),
+                ("caea", '{"action":"show"}', 0, "\t\t[]"),
+                ("caea", '{"action":"request"}', 0, '\t\t{"CAEA":"'),
+                ("caea", '{"action":"bogus"}', 65, "bogus"))
+            settings = {"cuit": 20111111112, "wsaa_url": simulator.wsaa(), "certificate": fixture("signer.p12"),
+                        "password": "pw", "url": simulator.wsfe(),
+                        "registry_url": simulator.url("/sr-padron/webservices/personaServiceA5")}
+            # Then WSFEv1 out of reach: the sale goes out under that CAEA, and informing it fails; both
+            # failures carry what the core has to say of the sale.
+            offline = (dict(settings, url="http://127.0.0.1:1/wsfev1/service.asmx", contingency=True),
+                       (("authorise", sale("c1"), 30, ('"sale_id":"c1","Resultado":"A"', '"informed":false')),
+                        ("caea", '{"action":"inform"}', 14, '[ {"sale_id":"c1"')))
             probes = {variant: compile_pascal(scratch, os.path.join(SOURCE, "tests", "tools", "invoicing_probe.pas"), variant)
                       for variant in (() if PRELOAD else ("pascal linked", "pascal loaded"))}
             if not EMULATION:
@@ -151,13 +170,16 @@ class Examples(unittest.TestCase):
                 os.mkdir(work)
                 refused = run(probe + ['{"bogus": 1}'], cwd=work, env=dict(PRELOAD, **LIBRARIES))
                 self.assertEqual(refused.stdout, "65\tunknown setting 'bogus'\t\n", (language, refused.stderr))
-                arguments = [word for action, argument, _, _ in cases for word in (action, argument)]
-                result = run(probe + [settings] + arguments, cwd=work, env=dict(PRELOAD, **LIBRARIES))
-                lines = result.stdout.splitlines()
-                self.assertEqual(len(lines), len(cases), (language, result.stdout, result.stderr))
-                for (action, argument, code, holds), line in zip(cases, lines):
-                    self.assertEqual(line.split("\t")[0], str(code), (language, action, line))
-                    self.assertIn(holds, line, (language, action))
+                for run_settings, run_cases in ((settings, cases), offline):
+                    arguments = [word for action, argument, _, _ in run_cases for word in (action, argument)]
+                    result = run(probe + [json.dumps(run_settings)] + arguments, cwd=work,
+                                 env=dict(PRELOAD, **LIBRARIES))
+                    lines = result.stdout.splitlines(keepends=True)
+                    self.assertEqual(len(lines), len(run_cases), (language, result.stdout, result.stderr))
+                    for (action, argument, code, holds), line in zip(run_cases, lines):
+                        self.assertEqual(line.split("\t")[0], str(code), (language, action, line))
+                        for piece in holds if isinstance(holds, tuple) else (holds,):
+                            self.assertIn(piece, line, (language, action))
                 with open(png, "rb") as image:
                     self.assertEqual(image.read(8), b"\x89PNG\r\n\x1a\n", language)
                 os.remove(png)

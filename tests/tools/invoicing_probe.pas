@@ -1,6 +1,6 @@
 { The Pascal binding's wiring for examples_test.py. invoicing_probe SETTINGS [ACTION ARGUMENT]... runs
   the actions on one TTarvoInvoicing and prints a line for each (and for a refused open):
-  code, message and output, tab-separated, line ends as spaces. }
+  code, message and output, tab-separated, line ends as spaces; a receipt's bytes in hexadecimal. }
 program invoicing_probe;
 
 {$MODE DELPHI}
@@ -12,6 +12,20 @@ uses
 procedure Report(Code: Int32; const Message, Json: string);
 begin
   WriteLn(Code, #9, Message, #9, StringReplace(StringReplace(Json, #13, ' ', [rfReplaceAll]), #10, ' ', [rfReplaceAll]));
+end;
+
+function Hex(const Bytes: TBytes): string;
+const
+  Digits: array[0..15] of Char = '0123456789abcdef';
+var
+  At: Integer;
+begin
+  SetLength(Result, 2 * Length(Bytes));
+  for At := 0 to High(Bytes) do
+  begin
+    Result[2 * At + 1] := Digits[Bytes[At] shr 4];
+    Result[2 * At + 2] := Digits[Bytes[At] and 15];
+  end;
 end;
 
 var
@@ -47,6 +61,9 @@ begin
       else if Action = 'read' then Answer := Invoicing.ReadAnswer(Argument)
       else if Action = 'qr' then Answer := Invoicing.QrUrl(Argument)
       else if Action = 'png' then Invoicing.QrPng('https://www.afip.gob.ar/fe/qr/', Argument)
+      else if Action = 'lookup' then Answer := Invoicing.Lookup(Argument)
+      else if Action = 'receipt' then Answer := Hex(Invoicing.Receipt(Argument))
+      else if Action = 'caea' then Answer := Invoicing.Caea(Argument)
       else if Action = 'log' then Answer := Invoicing.TransferLog
       else raise Exception.Create('unknown action ' + Action);
       Report(0, '', Answer);

@@ -3,6 +3,7 @@ package ar.tarvo.afip;
 import com.sun.jna.Library;
 import com.sun.jna.Native;
 import com.sun.jna.Pointer;
+import com.sun.jna.ptr.NativeLongByReference;
 import com.sun.jna.ptr.PointerByReference;
 
 import java.util.Arrays;
@@ -10,7 +11,8 @@ import java.util.Map;
 
 /**
  * libtarvoafipinvoicing for Java through JNA: vouchers authorised at most once through the core's
- * ledger, FECAESolicitar answers read, AFIP's QR code made. The core does the work; this class passes
+ * ledger, AFIP's registry asked, vouchers printed, CAEA contingency, FECAESolicitar answers read, AFIP's
+ * QR code made. The core does the work; this class passes
  * its JSON in and out as strings (tarvoafipinvoicing.h names every key), to be read with the host's
  * own JSON library.
  *
@@ -31,9 +33,11 @@ public final class Invoicing implements AutoCloseable {
 
     /** Result codes of tarvoafipinvoicing.h; 1 to 17 are libtarvoafipdriver's ({@link TarvoAfip.Result}). */
     public static final int OK = 0, REJECTED = 20, OUTCOME_UNKNOWN = 21, SALE_CONFLICT = 22, LEDGER_ERROR = 23,
-        BUSY = 24, NOT_FOUND = 25, BAD_INPUT = 65, INTERNAL = 70, CANNOT_WRITE = 73;
+        BUSY = 24, NOT_FOUND = 25, UNKNOWN_CUIT = 26, INACTIVE_KEY = 27, REGISTRY_REFUSED = 28, CONDITION_UNFIT = 29,
+        CAEA = 30, BAD_INPUT = 65, INTERNAL = 70, CANNOT_WRITE = 73;
 
-    /** The C functions as JNA maps them; strings travel as UTF-8, an answer as the bytes it came in. */
+    /** The C functions as JNA maps them; strings travel as UTF-8, an answer as the bytes it came in. size_t is
+     *  a NativeLong: on Linux a C long has the width of size_t, on 32-bit and 64-bit targets alike. */
     public interface Functions extends Library {
         int tarvo_invoicing_version();
         int tarvo_invoicing_open(String settingsJson, PointerByReference handle);
@@ -41,6 +45,10 @@ public final class Invoicing implements AutoCloseable {
         Pointer tarvo_invoicing_message(Pointer handle);
         int tarvo_invoicing_authorise(Pointer handle, String voucherJson, PointerByReference outcomeJson);
         int tarvo_invoicing_authorise_batch(Pointer handle, String vouchersJson, PointerByReference outcomesJson);
+        int tarvo_invoicing_caea(Pointer handle, String commandJson, PointerByReference resultJson);
+        int tarvo_invoicing_lookup(Pointer handle, String queryJson, PointerByReference personJson);
+        int tarvo_invoicing_receipt(Pointer handle, String requestJson, PointerByReference data,
+                                    NativeLongByReference length);
         int tarvo_invoicing_ledger_list(Pointer handle, String filterJson, PointerByReference salesJson);
         int tarvo_invoicing_ledger_show(Pointer handle, String saleId, PointerByReference saleJson);
         int tarvo_invoicing_read_answer(Pointer handle, byte[] answerXml, PointerByReference outcomeJson);
@@ -51,8 +59,9 @@ public final class Invoicing implements AutoCloseable {
     }
 
     /** A non-zero result code with the core's message; output is the JSON the core gave with it, or null:
-     *  the outcome of a rejected voucher (20), of one whose outcome is unknown (21) or of a failed exchange
-     *  (1-17), a batch's outcomes. */
+     *  the outcome of a rejected voucher (20), of one whose outcome is unknown (21), of one issued under a CAEA
+     *  (30) or of a failed exchange (1-17), a batch's outcomes, the person of an inactive key (27), the report
+     *  of an inform that some refused (20) or whose outcome is unknown (21). */
     public static final class Failure extends Exception {
         public final int code;
         public final String output;
@@ -114,6 +123,41 @@ public final class Invoicing implements AutoCloseable {
     public String authoriseBatch(String vouchersJson) throws Failure {
         PointerByReference outcomes = new PointerByReference();
         return checked(functions.tarvo_invoicing_authorise_batch(handle, vouchersJson, outcomes), outcomes);
+    }
+
+    /** What AFIP's registry says of a CUIT: {"cuit": N, "service", "reuse"} in. An inactive key (27) throws
+     *  with the person in the failure's output. */
+    public String lookup(String queryJson) throws Failure {
+        PointerByReference person = new PointerByReference();
+        return checked(functions.tarvo_invoicing_lookup(handle, queryJson, person), person);
+    }
+
+    /** The printed voucher (PDF or ESC/POS) of an approved sale, byte for byte: it may hold NULs. */
+    public byte[] receipt(String requestJson) throws Failure {
+        PointerByReference data = new PointerByReference();
+        NativeLongByReference length = new NativeLongByReference();
+        int code = functions.tarvo_invoicing_receipt(handle, requestJson, data, length);
+        Pointer bytes = data.getValue();
+        try {
+            if (code != OK)
+                throw failure(code, null);
+            long size = length.getValue().longValue();
+            if (Native.LONG_SIZE == 4)
+                size &= 0xffffffffL; // size_t is unsigned
+            if (size > Integer.MAX_VALUE - 8)
+                throw new Failure(INTERNAL, "a printed voucher of " + size + " bytes does not fit a Java array", null);
+            return bytes == null ? new byte[0] : bytes.getByteArray(0, (int) size);
+        } finally {
+            if (bytes != null)
+                functions.tarvo_invoicing_free(bytes);
+        }
+    }
+
+    /** A CAEA contingency command ({"action": "request", "show", "inform", "no_movement" or "status"}). An
+     *  inform that some refused (20) or whose outcome is unknown (21) throws with its report as the output. */
+    public String caea(String commandJson) throws Failure {
+        PointerByReference result = new PointerByReference();
+        return checked(functions.tarvo_invoicing_caea(handle, commandJson, result), result);
     }
 
     /** The ledger's sales; filterJson null for all. */
