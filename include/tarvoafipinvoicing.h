@@ -119,7 +119,8 @@ int tarvo_invoicing_authorise_batch(tarvo_invoicing* handle, const char* voucher
  *   {"action": "show"}      the CAEAs the ledger keeps, a list as above
  *   {"action": "inform"}    FECAEARegInformativo of every CAEA voucher not yet informed: a list of
  *      {"sale_id", "PtoVta", "CbteTipo", "CbteNro", "CAEA", "informed" ("yes", "refused", "no"),
- *      "Observaciones", "Errors", "message"}; 0 when all went, 20 some refused, 21 unknown
+ *      "Observaciones", "Errors", "message"}; 0 when all went, 20 some refused, 21 unknown, 1-17
+ *      when an exchange failed (the report still given: what went before it is recorded)
  *   {"action": "no_movement", "point_of_sale": N, "period": yyyymm, "order": 1 | 2}
  *      FECAEASinMovimientoInformar: {"CAEA", "PtoVta", "Resultado", "Errors"}
  *   {"action": "status"}    {"pending": [{"sale_id", ..., "FchTopeInf", "days_left"}], "caeas",
