@@ -21,6 +21,7 @@ ServiceExchange LibraryChannel::send(const std::string& operation, const std::st
     result.result = send_soap(m_settings, request, std::move(headers), exchange);
     *m_last_log = std::move(exchange.log);
     result.sent = exchange.request_sent;
+    result.ticket = !exchange.token.empty();
     if (result.result == AFIP_OK || result.result == AFIP_RESPONSE_NOT_XML)
         result.answer = std::move(exchange.answer);
     return result;

@@ -13,6 +13,7 @@ struct ServiceExchange {
     std::int32_t result = 0;
     std::string answer; // kept for results 0 and 14 (an answer that is not XML)
     bool sent = true;   // the request may have reached the service; false: surely not
+    bool ticket = true; // false: WSAA gave no ticket, so the request went without token and sign
 };
 
 // How the invoicing core reaches WSFEv1 and the registry.

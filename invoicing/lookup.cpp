@@ -63,6 +63,8 @@ LookupOutcome RegistryLookup::look_up(std::int64_t cuit, bool reuse)
         outcome.message = (outcome.status == status::unknown_person ? "CUIT " + std::to_string(cuit) + " is unknown to"
                                                                      : std::string("refused by")) +
                           " AFIP's registry (" + service + "): " + answer->fault;
+        if (!asked.ticket)
+            outcome.message += " (WSAA gave no ticket for " + service + ": its refusal is in the transfer log)";
         return outcome;
     }
     RegistryPerson person = *answer->person;

@@ -281,9 +281,9 @@ TEST_F(Invoicing, UnusableLedgersSendNothingAndStayAsTheyWere)
                 // As root: a private mount of the working directory, read-only. Where that cannot be
                 // made (a chroot, no privilege): the modes, and root without its power to ignore them.
                 const char* here = workspace.path().c_str();
-                if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                    mount(here, here, nullptr, MS_BIND, nullptr) != 0 ||
-                    mount(nullptr, here, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0 || chdir(here) != 0) {
+                if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                    mount(here, here, "none", MS_BIND, nullptr) != 0 ||
+                    mount("none", here, "none", MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0 || chdir(here) != 0) {
                     chmod("ledger.sqlite", 0444), chmod(".", 0555);
                     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
                     __user_cap_data_struct capabilities[2] = {};

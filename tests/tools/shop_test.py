@@ -25,7 +25,7 @@ class Shop(unittest.TestCase):
         self.scratch = tempfile.TemporaryDirectory()
         self.addCleanup(self.scratch.cleanup)
 
-    def cli(self, simulator, *arguments, url=None, input=None):
+    def cli(self, simulator, *arguments, url=None, input=None, env=None):
         """(exit status, standard output parsed as JSON when it is, standard error)."""
         command = arguments[0].split()
         connection = []
@@ -33,7 +33,7 @@ class Shop(unittest.TestCase):
             connection = ["--wsaa-url", simulator.wsaa(), "--certificate", fixture("signer.p12"), "--password", "pw",
                           "--cuit", str(CUIT),
                           "--url", url or (simulator.url(A5) if command[0] == "padron" else simulator.wsfe())]
-        result = run([CLI, *command, *connection, *arguments[1:]], cwd=self.scratch.name, input=input)
+        result = run([CLI, *command, *connection, *arguments[1:]], cwd=self.scratch.name, input=input, env=env)
         try:
             output = json.loads(result.stdout)
         except ValueError:
@@ -55,6 +55,10 @@ class Shop(unittest.TestCase):
             self.assertEqual(code, 2, "a certificate not authorised for the registry: the library's code")
             self.assertIn("not authorised", errors)
         with Simulator() as simulator:
+            # A clock WSAA reads three hours ahead: no ticket, and the registry's refusal says so.
+            code, _, errors = self.cli(simulator, "padron 30500010912", env={"TZ": "UTC"})
+            self.assertEqual(code, 28, errors)
+            self.assertIn("WSAA gave no ticket", errors)
             # CUIT, service: exit status, the condition, what the name holds
             cases = {
                 ("20111111112", "ws_sr_constancia_inscripcion"): (0, 1, "GOMEZ"),
