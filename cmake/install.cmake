@@ -106,11 +106,14 @@ set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "client library for AFIP's SOAP web ser
 The C header, the pkg-config file and the CMake package for building hosts
 against libtarvoafipdriver.")
 set(CPACK_DEBIAN_INVOICING_RUNTIME_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/triggers)
+# Printed vouchers embed this font; the libraries come from dpkg-shlibdeps.
+set(CPACK_DEBIAN_INVOICING_RUNTIME_PACKAGE_DEPENDS "fonts-dejavu-core")
 set(CPACK_DEBIAN_INVOICING_RUNTIME_DESCRIPTION "invoicing core for AFIP's electronic vouchers
 The shared library that point-of-sale and invoicing programs call, through a
 small C interface with JSON in and out, to authorise AFIP vouchers at most once
 per sale: it keeps every sale in a SQLite ledger, recovers lost answers, sends
-batches, and makes AFIP's QR code.")
+batches, makes AFIP's QR code, looks customers up in AFIP's registry, prints
+vouchers (A4 and 80 mm PDF, ESC/POS) and issues under a CAEA when AFIP is down.")
 set(CPACK_DEBIAN_INVOICING_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_INVOICING_DEVELOPMENT_PACKAGE_DEPENDS "libtarvoafipinvoicing1 (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_INVOICING_DEVELOPMENT_DESCRIPTION "invoicing core for AFIP's electronic vouchers (development files)

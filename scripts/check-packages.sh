@@ -130,6 +130,11 @@ in_root sh -c '
   [ -s qr.png ]
   tarvoafip_cli ledger list --format csv | grep -q "^till-1/1,approved,1,6,$((number + 1)),"
   echo "tarvoafip_cli invoice: voucher $((number + 1)) once for a sale run twice, its QR image, the ledger"
+  # Printing needs the font the package depends on.
+  tarvoafip_cli receipt --sale-id till-1/1 --issuer /usr/share/tarvoafip/samples/issuer.json --format pdf-a4 \
+    --out voucher.pdf
+  [ "$(head -c 5 voucher.pdf)" = "%PDF-" ]
+  echo "tarvoafip_cli receipt: $(stat -c %s voucher.pdf) bytes of PDF"
   kill $simulator
 '
 log "the $arch packages install, build a host, invoice and run on a clean system"
