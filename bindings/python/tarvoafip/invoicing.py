@@ -216,13 +216,7 @@ class Invoicing:
 
 
 def _stateless(function, *arguments):
-    library = _library()
-    out = ctypes.c_void_p()
-    code = getattr(library, function)(None, *arguments, ctypes.byref(out))
-    text = None
-    if out.value:
-        text = ctypes.string_at(out.value).decode("utf-8")
-        library.tarvo_invoicing_free(out)
+    code, text, _ = _call(_library(), None, function, *arguments)
     if code != OK:
         raise InvoicingError(code, "%s failed with result %d" % (function, code))
     return text
